@@ -1,0 +1,28 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS tarn EXPORT tarnTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tarn
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+
+install(EXPORT tarnTargets
+  NAMESPACE tarn::
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tarn)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tarnConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/tarnConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tarn)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/tarnConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/tarnConfig.cmake
+  ${PROJECT_BINARY_DIR}/tarnConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tarn)
+
+# The .pc file finds its prefix from its own location, so the installed tree
+# can be moved or installed with --prefix after configuration.
+file(RELATIVE_PATH TARN_PC_TO_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/libtarn.pc.in ${PROJECT_BINARY_DIR}/libtarn.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/libtarn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,11 @@
+/*
+ * libtarn - umbrella header: includes every public header.
+ */
+#ifndef TARN_TARN_H
+#define TARN_TARN_H
+
+#include <tarn/common.h>
+#include <tarn/rtsock_wire.h>
+#include <tarn/rtslib.h>
+
+#endif /* TARN_TARN_H */

@@ -1,0 +1,32 @@
+// The OS seam: every call the library makes to the target's kernel that is
+// not plain descriptor I/O. read, write, recv(MSG_PEEK) and select act on the
+// routing-socket descriptor directly on both backends, because the host's
+// stand-in is a real SOCK_SEQPACKET descriptor with message boundaries.
+//
+// Each function follows system-call conventions: a result of -1 comes with
+// errno set.
+#ifndef LIBTARN_OS_OS_H
+#define LIBTARN_OS_OS_H
+
+#include <cstdint>
+
+namespace tarn::os {
+
+// socket(PF_ROUTE, SOCK_SEQPACKET, 0): a descriptor or -1.
+int route_socket_open();
+
+// getsockopt/setsockopt at the routing-socket level (17). *len carries the
+// capacity in and the length produced out.
+int route_getsockopt(int fd, int optname, void *optval, uint32_t *len);
+int route_setsockopt(int fd, int optname, const void *optval, uint32_t len);
+
+// Makes the descriptor non-blocking: on the target the status flags become
+// exactly 5 (O_NONBLOCK with the low bit set), kept as the kernel expects.
+int set_nonblocking(int fd);
+
+// Closes a routing-socket descriptor.
+int route_socket_close(int fd);
+
+}  // namespace tarn::os
+
+#endif  // LIBTARN_OS_OS_H

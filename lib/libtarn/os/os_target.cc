@@ -1,0 +1,41 @@
+// Target backend: the router OS's own system calls.
+#include "libtarn/os/os.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <tarn/rtsock_wire.h>
+
+namespace tarn::os {
+
+int route_socket_open()
+{
+    return ::socket(TARN_PF_ROUTE, TARN_SOCK_SEQPACKET, 0);
+}
+
+int route_getsockopt(int fd, int optname, void *optval, uint32_t *len)
+{
+    socklen_t l = *len;
+    int rc = ::getsockopt(fd, TARN_SOL_ROUTE, optname, optval, &l);
+    *len = l;
+    return rc;
+}
+
+int route_setsockopt(int fd, int optname, const void *optval, uint32_t len)
+{
+    return ::setsockopt(fd, TARN_SOL_ROUTE, optname, optval, len);
+}
+
+int set_nonblocking(int fd)
+{
+    // The status flags are replaced, not or-ed: the target kernel's value 5.
+    return ::fcntl(fd, F_SETFL, 5);
+}
+
+int route_socket_close(int fd)
+{
+    return ::close(fd);
+}
+
+}  // namespace tarn::os

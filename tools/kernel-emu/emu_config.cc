@@ -1,0 +1,138 @@
+#include "emu_config.h"
+
+#include <getopt.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+#include "libtarn/os/emu_protocol.h"
+#include <tarn/rtsock_wire.h>
+
+namespace tarn::kemu {
+namespace {
+
+bool parse_int(const char *text, long min, long max, int &out)
+{
+    char *end = nullptr;
+    errno = 0;
+    long v = std::strtol(text, &end, 0);
+    if (errno != 0 || end == text || *end != '\0' || v < min || v > max) return false;
+    out = static_cast<int>(v);
+    return true;
+}
+
+// "T=V": a message type 1..101 and a version byte.
+bool parse_type_version(const char *text, int &type, int &version)
+{
+    std::string s(text);
+    auto eq = s.find('=');
+    if (eq == std::string::npos) return false;
+    return parse_int(s.substr(0, eq).c_str(), 1, RTS_MSG_TYPE_COUNT - 1, type) &&
+           parse_int(s.substr(eq + 1).c_str(), 0, 255, version);
+}
+
+}  // namespace
+
+std::string usage_text(const char *argv0)
+{
+    std::string u = "Usage: ";
+    u += argv0;
+    u += R"( [options]
+
+Emulates the router kernel's routing socket for libtarn on a Linux host.
+Routing sockets are AF_UNIX SOCK_SEQPACKET connections to PATH; socket
+options travel on connections to PATH.ctl. Runs until SIGTERM or SIGINT,
+then removes both socket files.
+
+Options:
+  --socket PATH          where to listen (default: $TARN_KERNEL_SOCKET, else )";
+    u += emu::kDefaultSocketPath;
+    u += R"()
+  --interface-version N  interface version the kernel reports (default 98, 'b')
+  --types N              number of message types it reports (default 102)
+  --type-version T=V     report version V for message type T (1..101);
+                         repeatable. Types not named report the library's own
+                         version, so by default the block matches exactly.
+  --fail-option N        setting routing-socket option N fails with EINVAL;
+                         repeatable
+  --log                  print one line per connection, option and message
+  -h, --help             print this text and exit
+
+The version block always carries a version byte for each of types 1..101,
+whatever --types says.
+)";
+    return u;
+}
+
+ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &error)
+{
+    enum { kSocket = 1, kIfVersion, kTypes, kTypeVersion, kFailOption, kLog };
+    static const option opts[] = {
+        {"socket", required_argument, nullptr, kSocket},
+        {"interface-version", required_argument, nullptr, kIfVersion},
+        {"types", required_argument, nullptr, kTypes},
+        {"type-version", required_argument, nullptr, kTypeVersion},
+        {"fail-option", required_argument, nullptr, kFailOption},
+        {"log", no_argument, nullptr, kLog},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
+    cfg = EmuConfig{};
+    cfg.socket_path = emu::socket_path();
+    cfg.interface_version = RTS_INTERFACE_VERSION;
+    cfg.types = RTS_MSG_TYPE_COUNT;
+
+    optind = 1;
+    opterr = 0;
+    int c;
+    while ((c = getopt_long(argc, argv, "h", opts, nullptr)) != -1) {
+        int type = 0, version = 0, n = 0;
+        switch (c) {
+        case kSocket:
+            cfg.socket_path = optarg;
+            break;
+        case kIfVersion:
+            if (!parse_int(optarg, 0, 255, cfg.interface_version)) {
+                error = "--interface-version takes a number from 0 to 255";
+                return ParseOutcome::kError;
+            }
+            break;
+        case kTypes:
+            if (!parse_int(optarg, 0, 255, cfg.types)) {
+                error = "--types takes a number from 0 to 255";
+                return ParseOutcome::kError;
+            }
+            break;
+        case kTypeVersion:
+            if (!parse_type_version(optarg, type, version)) {
+                error = "--type-version takes T=V with T from 1 to 101 and V from 0 to 255";
+                return ParseOutcome::kError;
+            }
+            cfg.type_versions[type] = version;
+            break;
+        case kFailOption:
+            if (!parse_int(optarg, 0, INT_MAX, n)) {
+                error = "--fail-option takes an option number";
+                return ParseOutcome::kError;
+            }
+            cfg.fail_options.insert(n);
+            break;
+        case kLog:
+            cfg.log = true;
+            break;
+        case 'h':
+            return ParseOutcome::kHelp;
+        default:
+            error = std::string("unknown or incomplete option: ") + argv[optind - 1];
+            return ParseOutcome::kError;
+        }
+    }
+    if (optind < argc) {
+        error = std::string("unexpected argument: ") + argv[optind];
+        return ParseOutcome::kError;
+    }
+    return ParseOutcome::kRun;
+}
+
+}  // namespace tarn::kemu

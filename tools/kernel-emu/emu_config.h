@@ -1,0 +1,29 @@
+// Command-line configuration of the kernel emulator.
+#ifndef TARN_KERNEL_EMU_EMU_CONFIG_H
+#define TARN_KERNEL_EMU_EMU_CONFIG_H
+
+#include <map>
+#include <set>
+#include <string>
+
+namespace tarn::kemu {
+
+struct EmuConfig {
+    std::string socket_path;
+    int interface_version;        // byte 1 of the version block
+    int types;                    // byte 0 of the version block
+    std::map<int, int> type_versions;  // overrides of single type versions
+    std::set<int> fail_options;   // level-17 options whose set fails with EINVAL
+    bool log = false;
+};
+
+enum class ParseOutcome { kRun, kHelp, kError };
+
+// Fills `cfg` from argv; on kError `error` says what was wrong.
+ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &error);
+
+std::string usage_text(const char *argv0);
+
+}  // namespace tarn::kemu
+
+#endif  // TARN_KERNEL_EMU_EMU_CONFIG_H

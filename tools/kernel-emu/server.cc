@@ -1,0 +1,279 @@
+#include "server.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "libtarn/os/emu_protocol.h"
+
+namespace tarn::kemu {
+namespace {
+
+// Largest message a client may write; larger ones are seen (MSG_TRUNC gives
+// their real length) and dropped.
+constexpr size_t kMaxMessage = 1u << 20;
+
+sockaddr_un unix_address(const std::string &path)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, path.c_str(), path.size());
+    return addr;
+}
+
+// True when something accepts connections at `path` already.
+bool path_in_use(const std::string &path)
+{
+    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    sockaddr_un addr = unix_address(path);
+    bool used = ::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+    ::close(fd);
+    return used;
+}
+
+int listen_on(const std::string &path, std::string &error)
+{
+    if (path.size() >= sizeof(sockaddr_un{}.sun_path)) {
+        error = "socket path too long: " + path;
+        return -1;
+    }
+    if (path_in_use(path)) {
+        error = "another kernel emulator is serving " + path;
+        return -1;
+    }
+    ::unlink(path.c_str());  // a stale file left by a killed emulator
+    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un addr = unix_address(path);
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+        ::listen(fd, 128) != 0) {
+        error = "cannot listen on " + path + ": " + std::strerror(errno);
+        if (fd >= 0) ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+std::string peer_name(int fd)
+{
+    sockaddr_un peer{};
+    socklen_t len = sizeof peer;
+    if (::getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &len) != 0) return {};
+    size_t n = len > offsetof(sockaddr_un, sun_path) ? len - offsetof(sockaddr_un, sun_path) : 0;
+    return std::string(peer.sun_path, n);
+}
+
+// "@" for the leading NUL of an abstract name, like ss(8) shows it.
+std::string printable(const std::string &name)
+{
+    std::string s = name;
+    if (!s.empty() && s[0] == '\0') s[0] = '@';
+    return s;
+}
+
+}  // namespace
+
+Server::Server(const EmuConfig &cfg, Kernel &kernel, const EmuLog &log)
+    : cfg_(cfg), kernel_(kernel), log_(log), ctl_path_(cfg.socket_path + emu::kControlSuffix),
+      rx_(kMaxMessage)
+{
+}
+
+Server::~Server()
+{
+    close_all();
+}
+
+bool Server::listen(std::string &error)
+{
+    routing_listen_fd_ = listen_on(cfg_.socket_path, error);
+    if (routing_listen_fd_ < 0) return false;
+    control_listen_fd_ = listen_on(ctl_path_, error);
+    if (control_listen_fd_ < 0) {
+        ::close(routing_listen_fd_);
+        routing_listen_fd_ = -1;
+        ::unlink(cfg_.socket_path.c_str());
+        return false;
+    }
+    log_.line("listening on %s (options on %s)", cfg_.socket_path.c_str(), ctl_path_.c_str());
+    return true;
+}
+
+void Server::close_all()
+{
+    for (auto &c : conns_) ::close(c->fd);
+    conns_.clear();
+    for (int fd : control_fds_) ::close(fd);
+    control_fds_.clear();
+    if (routing_listen_fd_ >= 0) {
+        ::close(routing_listen_fd_);
+        ::unlink(cfg_.socket_path.c_str());
+        routing_listen_fd_ = -1;
+    }
+    if (control_listen_fd_ >= 0) {
+        ::close(control_listen_fd_);
+        ::unlink(ctl_path_.c_str());
+        control_listen_fd_ = -1;
+    }
+}
+
+void Server::accept_routing_sockets()
+{
+    for (;;) {
+        int fd = ::accept4(routing_listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) return;
+        auto conn = std::make_unique<Connection>();
+        conn->fd = fd;
+        conn->sock.id = next_id_++;
+        conn->sock.name = peer_name(fd);
+        log_.line("socket %llu: opened by %s", static_cast<unsigned long long>(conn->sock.id),
+                  printable(conn->sock.name).c_str());
+        conns_.push_back(std::move(conn));
+    }
+}
+
+void Server::accept_control()
+{
+    for (;;) {
+        int fd = ::accept4(control_listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) return;
+        control_fds_.push_back(fd);
+    }
+}
+
+RouteSocket *Server::find_socket(const std::string &name)
+{
+    for (auto &c : conns_)
+        if (c->sock.name == name) return &c->sock;
+    return nullptr;
+}
+
+void Server::serve_control(int fd)
+{
+    emu::CtlRequest req{};
+    ssize_t n = ::recv(fd, rx_.data(), sizeof req + emu::kMaxValueLen, 0);
+    if (n < static_cast<ssize_t>(sizeof req)) return;  // a probe, or garbage: just close
+    std::memcpy(&req, rx_.data(), sizeof req);
+    if (req.magic != emu::kCtlMagic || req.name_len > emu::kMaxNameLen ||
+        req.value_len > static_cast<size_t>(n) - sizeof req)
+        return;
+    const uint8_t *value = rx_.data() + sizeof req;
+    const std::string name(req.name, req.name_len);
+
+    // The client connected its routing socket before asking; make sure that
+    // connection has been taken from the backlog.
+    RouteSocket *sock = find_socket(name);
+    if (sock == nullptr) {
+        accept_routing_sockets();
+        sock = find_socket(name);
+    }
+
+    emu::CtlReply rep{};
+    rep.magic = emu::kCtlMagic;
+    std::vector<uint8_t> out;
+    int err = 0;
+    if (sock == nullptr) {
+        err = ENOTCONN;
+    } else if (req.op == static_cast<uint32_t>(emu::CtlOp::kGetOpt)) {
+        out.assign(value, value + req.value_len);
+        err = kernel_.get_option(*sock, req.level, req.optname, out);
+        log_.line("socket %llu: get %s -> %s, %zu bytes", static_cast<unsigned long long>(sock->id),
+                  option_name(req.optname).c_str(), err ? std::strerror(err) : "ok", out.size());
+    } else if (req.op == static_cast<uint32_t>(emu::CtlOp::kSetOpt)) {
+        err = kernel_.set_option(*sock, req.level, req.optname, value, req.value_len);
+        log_.line("socket %llu: set %s (%u bytes) -> %s",
+                  static_cast<unsigned long long>(sock->id), option_name(req.optname).c_str(),
+                  req.value_len, err ? std::strerror(err) : "ok");
+    } else {
+        err = EOPNOTSUPP;
+    }
+    if (err != 0) {
+        rep.result = -1;
+        rep.error = err;
+        out.clear();
+    }
+    rep.value_len = static_cast<uint32_t>(out.size());
+    std::vector<uint8_t> reply(sizeof rep + out.size());
+    std::memcpy(reply.data(), &rep, sizeof rep);
+    if (!out.empty()) std::memcpy(reply.data() + sizeof rep, out.data(), out.size());
+    ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+}
+
+bool Server::read_routing(Connection &conn)
+{
+    for (;;) {
+        ssize_t n = ::recv(conn.fd, rx_.data(), rx_.size(), MSG_TRUNC | MSG_DONTWAIT);
+        if (n == 0) return false;
+        if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        if (static_cast<size_t>(n) > rx_.size()) {
+            log_.line("socket %llu: message of %zd bytes is too large, dropped",
+                      static_cast<unsigned long long>(conn.sock.id), n);
+            continue;
+        }
+        kernel_.handle_message(conn.sock, rx_.data(), static_cast<size_t>(n));
+    }
+}
+
+int Server::run(int signal_fd)
+{
+    std::vector<pollfd> fds;
+    for (;;) {
+        fds.clear();
+        fds.push_back({signal_fd, POLLIN, 0});
+        fds.push_back({routing_listen_fd_, POLLIN, 0});
+        fds.push_back({control_listen_fd_, POLLIN, 0});
+        for (int fd : control_fds_) fds.push_back({fd, POLLIN, 0});
+        for (auto &c : conns_) fds.push_back({c->fd, POLLIN, 0});
+
+        if (::poll(fds.data(), fds.size(), -1) < 0) {
+            if (errno == EINTR) continue;
+            log_.line("poll failed: %s", std::strerror(errno));
+            close_all();
+            return 1;
+        }
+        if (fds[0].revents != 0) {
+            signalfd_siginfo si{};
+            if (::read(signal_fd, &si, sizeof si) > 0)
+                log_.line("signal %u, shutting down", si.ssi_signo);
+            close_all();
+            return 0;
+        }
+
+        // Routing sockets first: a control request may name one that is
+        // readable in this same round.
+        size_t i = 3 + control_fds_.size();
+        std::vector<std::unique_ptr<Connection>> kept;
+        kept.reserve(conns_.size());
+        for (auto &c : conns_) {
+            const short rev = fds[i++].revents;
+            if (rev != 0 && !read_routing(*c)) {
+                log_.line("socket %llu: closed", static_cast<unsigned long long>(c->sock.id));
+                ::close(c->fd);
+                continue;
+            }
+            kept.push_back(std::move(c));
+        }
+        conns_ = std::move(kept);
+
+        std::vector<int> ready;
+        for (size_t k = 0; k < control_fds_.size(); ++k)
+            if (fds[3 + k].revents != 0) ready.push_back(control_fds_[k]);
+        for (int fd : ready) {
+            serve_control(fd);
+            ::close(fd);
+            control_fds_.erase(std::find(control_fds_.begin(), control_fds_.end(), fd));
+        }
+
+        if (fds[1].revents != 0) accept_routing_sockets();
+        if (fds[2].revents != 0) accept_control();
+    }
+}
+
+}  // namespace tarn::kemu

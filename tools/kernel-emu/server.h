@@ -1,0 +1,59 @@
+// The emulator's transport: listening sockets, routing-socket connections,
+// control connections, and the poll loop that runs them until a signal.
+#ifndef TARN_KERNEL_EMU_SERVER_H
+#define TARN_KERNEL_EMU_SERVER_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "emu_config.h"
+#include "emu_log.h"
+#include "kernel.h"
+
+namespace tarn::kemu {
+
+class Server {
+public:
+    Server(const EmuConfig &cfg, Kernel &kernel, const EmuLog &log);
+    ~Server();
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    // Binds and listens on the routing and control paths. False with a
+    // reason when the paths cannot be taken (another emulator owns them).
+    bool listen(std::string &error);
+
+    // Serves until SIGTERM or SIGINT (blocked by the caller and delivered
+    // through `signal_fd`), then removes the socket files. The exit status.
+    int run(int signal_fd);
+
+private:
+    struct Connection {
+        int fd;
+        RouteSocket sock;
+    };
+
+    void accept_routing_sockets();
+    void accept_control();
+    void serve_control(int fd);
+    bool read_routing(Connection &conn);
+    RouteSocket *find_socket(const std::string &name);
+    void close_all();
+
+    const EmuConfig &cfg_;
+    Kernel &kernel_;
+    const EmuLog &log_;
+    std::string ctl_path_;
+    int routing_listen_fd_ = -1;
+    int control_listen_fd_ = -1;
+    std::vector<std::unique_ptr<Connection>> conns_;
+    std::vector<int> control_fds_;
+    uint64_t next_id_ = 1;
+    std::vector<uint8_t> rx_;
+};
+
+}  // namespace tarn::kemu
+
+#endif  // TARN_KERNEL_EMU_SERVER_H
