@@ -7,5 +7,7 @@
 #include <tarn/common.h>
 #include <tarn/rtsock_wire.h>
 #include <tarn/rtslib.h>
+#include <tarn/patricia.h>
+#include <tarn/itable.h>
 
 #endif /* TARN_TARN_H */
