@@ -20,24 +20,9 @@
 
 #include <tarn/patricia.h>
 
+#include "byte_source.h"
+
 namespace tarn_test {
-
-// Hands out the bytes of an input one by one, then zeros.
-class ByteSource {
-public:
-    ByteSource(const uint8_t *data, size_t size) : data_(data), size_(size) {}
-    bool empty() const { return pos_ >= size_; }
-    uint8_t u8() { return pos_ < size_ ? data_[pos_++] : 0; }
-    uint16_t u16() { return static_cast<uint16_t>(u8() << 8 | u8()); }
-    uint32_t u32() { return static_cast<uint32_t>(u16()) << 16 | u16(); }
-    // A number in [0, n), n > 0.
-    uint32_t below(uint32_t n) { return u16() % n; }
-
-private:
-    const uint8_t *data_;
-    size_t size_;
-    size_t pos_ = 0;
-};
 
 using Key = std::vector<uint8_t>;
 

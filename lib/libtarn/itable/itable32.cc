@@ -80,10 +80,21 @@ int alloc_done(itable32 *t, uint16_t block, uint16_t low, uint32_t *index)
     return 0;
 }
 
-// First value at or after `low` of block `block`, then in the blocks above.
+const itable16 *sub_after(const itable32 *t, uint16_t *block)
+{
+    const uint16_t after = *block;
+    return static_cast<const itable16 *>(itable16_getnext(t->top, &after, block));
+}
+
+// The first value of block `block` after `low` (from its start when low is
+// NULL), else the first of the blocks above.
 void *next_from(const itable32 *t, uint16_t block, const uint16_t *low, uint32_t *next)
 {
     const itable16 *sub = sub_at(t, block);
+    if (sub == nullptr) {
+        sub = sub_after(t, &block);
+        low = nullptr;
+    }
     while (sub != nullptr) {
         uint16_t found = 0;
         void *value = itable16_getnext(sub, low, &found);
@@ -92,8 +103,7 @@ void *next_from(const itable32 *t, uint16_t block, const uint16_t *low, uint32_t
             return value;
         }
         low = nullptr;
-        const uint16_t after = block;
-        sub = static_cast<const itable16 *>(itable16_getnext(t->top, &after, &block));
+        sub = sub_after(t, &block);
     }
     return nullptr;
 }
