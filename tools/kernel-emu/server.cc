@@ -78,6 +78,16 @@ std::string printable(const std::string &name)
     return s;
 }
 
+// An option value as a person reads it: small values as numbers, the rest by
+// their size.
+std::string describe_value(const uint8_t *v, size_t len)
+{
+    if (len != 1 && len != 2 && len != 4) return "(" + std::to_string(len) + " bytes)";
+    uint32_t n = 0;  // both ends are little-endian, like the target
+    std::memcpy(&n, v, len);
+    return std::to_string(n);
+}
+
 }  // namespace
 
 Server::Server(const EmuConfig &cfg, Kernel &kernel, const EmuLog &log)
@@ -188,9 +198,9 @@ void Server::serve_control(int fd)
                   option_name(req.optname).c_str(), err ? std::strerror(err) : "ok", out.size());
     } else if (req.op == static_cast<uint32_t>(emu::CtlOp::kSetOpt)) {
         err = kernel_.set_option(*sock, req.level, req.optname, value, req.value_len);
-        log_.line("socket %llu: set %s (%u bytes) -> %s",
-                  static_cast<unsigned long long>(sock->id), option_name(req.optname).c_str(),
-                  req.value_len, err ? std::strerror(err) : "ok");
+        log_.line("socket %llu: set %s %s -> %s", static_cast<unsigned long long>(sock->id),
+                  option_name(req.optname).c_str(), describe_value(value, req.value_len).c_str(),
+                  err ? std::strerror(err) : "ok");
     } else {
         err = EOPNOTSUPP;
     }
