@@ -7,5 +7,6 @@
 #include <tarn/common.h>
 #include <tarn/rtsock_wire.h>
 #include <tarn/rtslib.h>
+#include <tarn/rtslib_msg.h>
 
 #endif /* TARN_TARN_H */
