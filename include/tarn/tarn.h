@@ -7,6 +7,7 @@
 #include <tarn/common.h>
 #include <tarn/rtsock_wire.h>
 #include <tarn/rtslib.h>
+#include <tarn/rtslib_msg.h>
 #include <tarn/patricia.h>
 #include <tarn/itable.h>
 

@@ -128,6 +128,11 @@ struct TypeCountCase {
     Report expected;
 };
 
+void PrintTo(const TypeCountCase &c, std::ostream *os)
+{
+    *os << "--types " << c.types;
+}
+
 class TypeCount : public testing::TestWithParam<TypeCountCase> {};
 
 TEST_P(TypeCount, DrawsOneReportAndStillOpens)
@@ -335,7 +340,7 @@ TEST(Emulator, LogsConnectionsAndOptionsAndRemovesItsSockets)
     const std::string out = emu.output();
     EXPECT_NE(out.find("socket 1: opened by @"), std::string::npos) << out;
     EXPECT_NE(out.find("socket 1: get version-info -> ok, 103 bytes"), std::string::npos) << out;
-    EXPECT_NE(out.find("socket 1: set sender-id (1 bytes) -> ok"), std::string::npos) << out;
+    EXPECT_NE(out.find("socket 1: set sender-id 5 -> ok"), std::string::npos) << out;
 }
 
 }  // namespace

@@ -60,7 +60,8 @@ std::string option_name(int optname)
     return o != nullptr ? o->name : "option " + std::to_string(optname);
 }
 
-Kernel::Kernel(const EmuConfig &cfg, const EmuLog &log) : cfg_(cfg), log_(log)
+Kernel::Kernel(const EmuConfig &cfg, const EmuLog &log, Outbox &outbox)
+    : cfg_(cfg), log_(log), outbox_(outbox)
 {
     // Byte 0 is whatever type count is configured, but a version byte is
     // always present for every type the library knows.
@@ -105,6 +106,21 @@ int Kernel::set_option(RouteSocket &sock, int level, int optname, const uint8_t 
     if (!info->settable || len != info->size) return EINVAL;
     if (cfg_.fail_options.count(optname) != 0) return EINVAL;
     sock.options[optname].assign(value, value + len);
+    return 0;
+}
+
+int Kernel::sysctl_set(const std::string &name, const uint8_t *value, size_t len)
+{
+    // Writable nodes the router kernel has; others do not exist.
+    static const char *const kWritable[] = {"debug.enable_kbt"};
+    bool known = false;
+    for (const char *n : kWritable) known = known || name == n;
+    if (!known) return ENOENT;
+    sysctls_[name].assign(value, value + len);
+    std::string words;
+    for (size_t i = 0; i + 4 <= len; i += 4)
+        words += (i ? ", " : "") + std::to_string(static_cast<int32_t>(get_u32(value + i)));
+    log_.line("sysctl %s = {%s}", name.c_str(), words.c_str());
     return 0;
 }
 

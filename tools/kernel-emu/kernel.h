@@ -17,15 +17,26 @@ namespace tarn::kemu {
 
 // One client's routing socket and the options the kernel keeps for it.
 struct RouteSocket {
+    int fd = -1;           // the server's end of the connection
     uint64_t id = 0;       // connection number, for logs and dumps
     std::string name;      // the client's abstract socket name
     std::map<int, std::vector<uint8_t>> options;
     uint32_t kernel_seq = 1;  // the kernel's own sequence counter (option 3)
 };
 
+// How the kernel's messages reach a socket: the server in the emulator, a
+// recorder in tests.
+class Outbox {
+public:
+    virtual ~Outbox() = default;
+    // Sends one message; 0 or an errno value (EAGAIN when the client's
+    // receive queue is full).
+    virtual int deliver(RouteSocket &sock, const uint8_t *msg, size_t len) = 0;
+};
+
 class Kernel {
 public:
-    Kernel(const EmuConfig &cfg, const EmuLog &log);
+    Kernel(const EmuConfig &cfg, const EmuLog &log, Outbox &outbox);
 
     // The block returned for ROUTE_VERSION_INFO.
     const std::vector<uint8_t> &version_block() const { return version_block_; }
@@ -38,10 +49,16 @@ public:
     // A message written to a routing socket.
     void handle_message(RouteSocket &sock, const uint8_t *msg, size_t len);
 
+    // sysctlbyname writes. 0 or an errno value.
+    int sysctl_set(const std::string &name, const uint8_t *value, size_t len);
+    const std::map<std::string, std::vector<uint8_t>> &sysctls() const { return sysctls_; }
+
 private:
     const EmuConfig &cfg_;
     const EmuLog &log_;
+    Outbox &outbox_;
     std::vector<uint8_t> version_block_;
+    std::map<std::string, std::vector<uint8_t>> sysctls_;
 };
 
 // Name of a level-17 option for logs, "option N" for unknown ones.

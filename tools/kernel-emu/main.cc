@@ -43,8 +43,7 @@ int main(int argc, char **argv)
     }
 
     EmuLog log(cfg.log);
-    Kernel kernel(cfg, log);
-    Server server(cfg, kernel, log);
+    Server server(cfg, log);
     if (!server.listen(error)) {
         std::fprintf(stderr, "tarn-kernel-emu: %s\n", error.c_str());
         return 1;

@@ -78,11 +78,22 @@ std::string printable(const std::string &name)
     return s;
 }
 
+// An option value as a person reads it: small values as numbers, the rest by
+// their size.
+std::string describe_value(const uint8_t *v, size_t len)
+{
+    if (len != 1 && len != 2 && len != 4) return "(" + std::to_string(len) + " bytes)";
+    uint32_t n = 0;  // both ends are little-endian, like the target
+    std::memcpy(&n, v, len);
+    return std::to_string(n);
+}
+
 }  // namespace
 
-Server::Server(const EmuConfig &cfg, Kernel &kernel, const EmuLog &log)
-    : cfg_(cfg), kernel_(kernel), log_(log), ctl_path_(cfg.socket_path + emu::kControlSuffix),
-      rx_(kMaxMessage)
+Server::Server(const EmuConfig &cfg, const EmuLog &log)
+    : cfg_(cfg), log_(log), kernel_(cfg, log, *this),
+      ctl_path_(cfg.socket_path + emu::kControlSuffix),
+      rx_(std::max(kMaxMessage, sizeof(emu::CtlRequest) + emu::kMaxValueLen))
 {
 }
 
@@ -108,7 +119,7 @@ bool Server::listen(std::string &error)
 
 void Server::close_all()
 {
-    for (auto &c : conns_) ::close(c->fd);
+    for (auto &c : conns_) ::close(c->sock.fd);
     conns_.clear();
     for (int fd : control_fds_) ::close(fd);
     control_fds_.clear();
@@ -130,7 +141,7 @@ void Server::accept_routing_sockets()
         int fd = ::accept4(routing_listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) return;
         auto conn = std::make_unique<Connection>();
-        conn->fd = fd;
+        conn->sock.fd = fd;
         conn->sock.id = next_id_++;
         conn->sock.name = peer_name(fd);
         log_.line("socket %llu: opened by %s", static_cast<unsigned long long>(conn->sock.id),
@@ -155,45 +166,69 @@ RouteSocket *Server::find_socket(const std::string &name)
     return nullptr;
 }
 
-void Server::serve_control(int fd)
+int Server::deliver(RouteSocket &sock, const uint8_t *msg, size_t len)
 {
-    emu::CtlRequest req{};
-    ssize_t n = ::recv(fd, rx_.data(), sizeof req + emu::kMaxValueLen, 0);
-    if (n < static_cast<ssize_t>(sizeof req)) return;  // a probe, or garbage: just close
-    std::memcpy(&req, rx_.data(), sizeof req);
-    if (req.magic != emu::kCtlMagic || req.name_len > emu::kMaxNameLen ||
-        req.value_len > static_cast<size_t>(n) - sizeof req)
-        return;
-    const uint8_t *value = rx_.data() + sizeof req;
-    const std::string name(req.name, req.name_len);
+    if (::send(sock.fd, msg, len, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(len))
+        return 0;
+    return errno;
+}
 
-    // The client connected its routing socket before asking; make sure that
-    // connection has been taken from the backlog.
+// Carries out one control request: 0 or an errno value for the client.
+int Server::control_request(const emu::CtlRequest &req, const uint8_t *value,
+                            std::vector<uint8_t> &out)
+{
+    const std::string name(req.name, req.name_len);
+    const auto op = static_cast<emu::CtlOp>(req.op);
+    if (op == emu::CtlOp::kSysctlSet) return kernel_.sysctl_set(name, value, req.value_len);
+
+    // Everything else names a routing socket. Its client connected it before
+    // asking, so make sure that connection has been taken from the backlog.
     RouteSocket *sock = find_socket(name);
     if (sock == nullptr) {
         accept_routing_sockets();
         sock = find_socket(name);
     }
+    if (sock == nullptr) return ENOTCONN;
+    const auto id = static_cast<unsigned long long>(sock->id);
 
-    emu::CtlReply rep{};
-    rep.magic = emu::kCtlMagic;
-    std::vector<uint8_t> out;
-    int err = 0;
-    if (sock == nullptr) {
-        err = ENOTCONN;
-    } else if (req.op == static_cast<uint32_t>(emu::CtlOp::kGetOpt)) {
+    int err = EOPNOTSUPP;
+    switch (op) {
+    case emu::CtlOp::kGetOpt:
         out.assign(value, value + req.value_len);
         err = kernel_.get_option(*sock, req.level, req.optname, out);
-        log_.line("socket %llu: get %s -> %s, %zu bytes", static_cast<unsigned long long>(sock->id),
-                  option_name(req.optname).c_str(), err ? std::strerror(err) : "ok", out.size());
-    } else if (req.op == static_cast<uint32_t>(emu::CtlOp::kSetOpt)) {
+        log_.line("socket %llu: get %s -> %s, %zu bytes", id, option_name(req.optname).c_str(),
+                  err ? std::strerror(err) : "ok", out.size());
+        break;
+    case emu::CtlOp::kSetOpt:
         err = kernel_.set_option(*sock, req.level, req.optname, value, req.value_len);
-        log_.line("socket %llu: set %s (%u bytes) -> %s",
-                  static_cast<unsigned long long>(sock->id), option_name(req.optname).c_str(),
-                  req.value_len, err ? std::strerror(err) : "ok");
-    } else {
-        err = EOPNOTSUPP;
+        log_.line("socket %llu: set %s %s -> %s", id, option_name(req.optname).c_str(),
+                  describe_value(value, req.value_len).c_str(), err ? std::strerror(err) : "ok");
+        break;
+    case emu::CtlOp::kInject:
+        err = deliver(*sock, value, req.value_len);
+        log_.line("socket %llu: injected %u bytes -> %s", id, req.value_len,
+                  err ? std::strerror(err) : "ok");
+        break;
+    default:
+        break;
     }
+    return err;
+}
+
+void Server::serve_control(int fd)
+{
+    emu::CtlRequest req{};
+    ssize_t n = ::recv(fd, rx_.data(), rx_.size(), 0);
+    if (n < static_cast<ssize_t>(sizeof req)) return;  // a probe, or garbage: just close
+    std::memcpy(&req, rx_.data(), sizeof req);
+    if (req.magic != emu::kCtlMagic || req.name_len > emu::kMaxNameLen ||
+        req.value_len > static_cast<size_t>(n) - sizeof req)
+        return;
+
+    std::vector<uint8_t> out;
+    const int err = control_request(req, rx_.data() + sizeof req, out);
+    emu::CtlReply rep{};
+    rep.magic = emu::kCtlMagic;
     if (err != 0) {
         rep.result = -1;
         rep.error = err;
@@ -209,7 +244,7 @@ void Server::serve_control(int fd)
 bool Server::read_routing(Connection &conn)
 {
     for (;;) {
-        ssize_t n = ::recv(conn.fd, rx_.data(), rx_.size(), MSG_TRUNC | MSG_DONTWAIT);
+        ssize_t n = ::recv(conn.sock.fd, rx_.data(), rx_.size(), MSG_TRUNC | MSG_DONTWAIT);
         if (n == 0) return false;
         if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
         if (static_cast<size_t>(n) > rx_.size()) {
@@ -230,7 +265,7 @@ int Server::run(int signal_fd)
         fds.push_back({routing_listen_fd_, POLLIN, 0});
         fds.push_back({control_listen_fd_, POLLIN, 0});
         for (int fd : control_fds_) fds.push_back({fd, POLLIN, 0});
-        for (auto &c : conns_) fds.push_back({c->fd, POLLIN, 0});
+        for (auto &c : conns_) fds.push_back({c->sock.fd, POLLIN, 0});
 
         if (::poll(fds.data(), fds.size(), -1) < 0) {
             if (errno == EINTR) continue;
@@ -255,7 +290,7 @@ int Server::run(int signal_fd)
             const short rev = fds[i++].revents;
             if (rev != 0 && !read_routing(*c)) {
                 log_.line("socket %llu: closed", static_cast<unsigned long long>(c->sock.id));
-                ::close(c->fd);
+                ::close(c->sock.fd);
                 continue;
             }
             kept.push_back(std::move(c));

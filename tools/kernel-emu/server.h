@@ -11,12 +11,13 @@
 #include "emu_config.h"
 #include "emu_log.h"
 #include "kernel.h"
+#include "libtarn/os/emu_protocol.h"
 
 namespace tarn::kemu {
 
-class Server {
+class Server : public Outbox {
 public:
-    Server(const EmuConfig &cfg, Kernel &kernel, const EmuLog &log);
+    Server(const EmuConfig &cfg, const EmuLog &log);
     ~Server();
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
@@ -29,22 +30,27 @@ public:
     // through `signal_fd`), then removes the socket files. The exit status.
     int run(int signal_fd);
 
+    int deliver(RouteSocket &sock, const uint8_t *msg, size_t len) override;
+
+    Kernel &kernel() { return kernel_; }
+
 private:
     struct Connection {
-        int fd;
         RouteSocket sock;
     };
 
     void accept_routing_sockets();
     void accept_control();
     void serve_control(int fd);
+    int control_request(const emu::CtlRequest &req, const uint8_t *value,
+                        std::vector<uint8_t> &out);
     bool read_routing(Connection &conn);
     RouteSocket *find_socket(const std::string &name);
     void close_all();
 
     const EmuConfig &cfg_;
-    Kernel &kernel_;
     const EmuLog &log_;
+    Kernel kernel_;
     std::string ctl_path_;
     int routing_listen_fd_ = -1;
     int control_listen_fd_ = -1;

@@ -26,11 +26,15 @@ inline constexpr const char *kControlSuffix = ".ctl";
 
 inline constexpr uint32_t kCtlMagic = 0x54434c31;  // "1LCT"
 inline constexpr uint32_t kMaxNameLen = 108;
-inline constexpr uint32_t kMaxValueLen = 4096;
+inline constexpr uint32_t kMaxValueLen = 1u << 20;
 
 enum class CtlOp : uint32_t {
-    kGetOpt = 1,  // value_len is the caller's capacity; the reply carries the value
-    kSetOpt = 2,  // value_len bytes follow the request
+    kGetOpt = 1,     // name: a routing socket; the value in is the caller's buffer,
+                     // the reply carries the option's value
+    kSetOpt = 2,     // name: a routing socket; the value is the option's new value
+    kSysctlSet = 3,  // name: a sysctl name; the value is its new value
+    kInject = 4,     // name: a routing socket; the value is sent on it as one message
+                     // (test scripting: raw messages of any size or content)
 };
 
 struct CtlRequest {
@@ -49,6 +53,23 @@ struct CtlReply {
     int32_t error;   // host errno value
     uint32_t value_len;
 };
+
+// A routing socket's identity on the control path: its autobound name.
+struct SocketName {
+    char bytes[kMaxNameLen];
+    uint32_t len;
+};
+
+// The name of routing socket `fd`; -1 with errno (ENOTSOCK for a descriptor
+// that is not one of ours).
+int socket_name(int fd, SocketName &out);
+
+// One request/reply exchange on a fresh control connection. Sends `*len`
+// bytes of `buf` as the value; copies at most `capacity` bytes of the reply's
+// value back into `buf` and stores their number in `*len`. 0, or -1 with
+// errno (the emulator's own errno for a refused request).
+int control_call(CtlOp op, const char *name, uint32_t name_len, int32_t level, int32_t optname,
+                 void *buf, uint32_t *len, uint32_t capacity);
 
 // The routing-socket path: $TARN_KERNEL_SOCKET, or kDefaultSocketPath.
 std::string socket_path();

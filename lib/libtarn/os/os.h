@@ -8,6 +8,9 @@
 #ifndef LIBTARN_OS_OS_H
 #define LIBTARN_OS_OS_H
 
+#include <sys/types.h>
+
+#include <cstddef>
 #include <cstdint>
 
 namespace tarn::os {
@@ -23,6 +26,12 @@ int route_setsockopt(int fd, int optname, const void *optval, uint32_t len);
 // Makes the descriptor non-blocking: on the target the status flags become
 // exactly 5 (O_NONBLOCK with the low bit set), kept as the kernel expects.
 int set_nonblocking(int fd);
+
+// sysctlbyname(3).
+int sysctl_by_name(const char *name, void *oldp, size_t *oldlenp, const void *newp, size_t newlen);
+
+// write(2) on a routing socket.
+ssize_t route_write(int fd, const void *buf, size_t len);
 
 // Closes a routing-socket descriptor.
 int route_socket_close(int fd);

@@ -71,73 +71,87 @@ int connect_to(const std::string &path, bool autobind)
     return fd;
 }
 
-// One request/reply exchange on a fresh control connection. The request
-// carries *len bytes of buf (a get passes its buffer in too: some options
-// select what to read by its first bytes); the reply's value, if any, is
-// copied back into buf and its length stored in *len.
-int control_call(int fd, emu::CtlOp op, int optname, void *buf, uint32_t *len)
+}  // namespace
+
+}  // namespace tarn::os
+
+namespace tarn::emu {
+
+int socket_name(int fd, SocketName &out)
 {
     sockaddr_un self{};
     socklen_t self_len = sizeof self;
     if (::getsockname(fd, reinterpret_cast<sockaddr *>(&self), &self_len) != 0) return -1;
-    const size_t name_len = self_len - offsetof(sockaddr_un, sun_path);
-    if (self.sun_family != AF_UNIX || name_len < 2 || self.sun_path[0] != '\0') {
+    const size_t n = self_len - offsetof(sockaddr_un, sun_path);
+    if (self.sun_family != AF_UNIX || n < 2 || n > kMaxNameLen || self.sun_path[0] != '\0') {
         errno = ENOTSOCK;  // not a routing socket of ours
         return -1;
     }
-    if (*len > emu::kMaxValueLen) {
+    std::memcpy(out.bytes, self.sun_path, n);
+    out.len = static_cast<uint32_t>(n);
+    return 0;
+}
+
+int control_call(CtlOp op, const char *name, uint32_t name_len, int32_t level, int32_t optname,
+                 void *buf, uint32_t *len, uint32_t capacity)
+{
+    if (name_len > kMaxNameLen || *len > kMaxValueLen || capacity > kMaxValueLen) {
         errno = EINVAL;
         return -1;
     }
-
-    emu::CtlRequest req{};
-    req.magic = emu::kCtlMagic;
+    CtlRequest req{};
+    req.magic = kCtlMagic;
     req.op = static_cast<uint32_t>(op);
-    req.level = TARN_SOL_ROUTE;
+    req.level = level;
     req.optname = optname;
-    req.name_len = static_cast<uint32_t>(name_len);
+    req.name_len = name_len;
     req.value_len = *len;
-    std::memcpy(req.name, self.sun_path, name_len);
+    if (name_len > 0) std::memcpy(req.name, name, name_len);
 
-    unsigned char msg[sizeof req + emu::kMaxValueLen];
+    // One buffer serves the request and then the reply.
+    const size_t size = sizeof req + (*len > capacity ? *len : capacity);
+    auto *msg = static_cast<unsigned char *>(std::malloc(size));
+    if (msg == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
     std::memcpy(msg, &req, sizeof req);
     if (*len > 0) std::memcpy(msg + sizeof req, buf, *len);
     const size_t msg_len = sizeof req + *len;
 
-    int c = connect_to(emu::socket_path() + emu::kControlSuffix, false);
-    if (c < 0) return -1;
-    if (::send(c, msg, msg_len, MSG_NOSIGNAL) != static_cast<ssize_t>(msg_len))
-        return close_keeping_errno(c);
-    ssize_t n = ::recv(c, msg, sizeof msg, 0);
-    if (n <= 0) {
+    int rc = -1;
+    ssize_t n = -1;
+    int c = tarn::os::connect_to(socket_path() + kControlSuffix, false);
+    if (c >= 0 && ::send(c, msg, msg_len, MSG_NOSIGNAL) == static_cast<ssize_t>(msg_len)) {
+        n = ::recv(c, msg, sizeof(CtlReply) + capacity, 0);
         if (n == 0) errno = ECONNRESET;  // the emulator went away mid-call
-        return close_keeping_errno(c);
     }
-    ::close(c);
+    if (c >= 0) tarn::os::close_keeping_errno(c);
 
-    emu::CtlReply rep{};
-    if (static_cast<size_t>(n) < sizeof rep) {
+    CtlReply rep{};
+    if (n >= static_cast<ssize_t>(sizeof rep)) {
+        std::memcpy(&rep, msg, sizeof rep);
+        const size_t got = static_cast<size_t>(n) - sizeof rep;
+        if (rep.magic != kCtlMagic) {
+            errno = EPROTO;
+        } else if (rep.result != 0) {
+            errno = rep.error;
+        } else {
+            const uint32_t copy = static_cast<uint32_t>(rep.value_len < got ? rep.value_len : got);
+            if (copy > 0) std::memcpy(buf, msg + sizeof rep, copy);
+            *len = copy;
+            rc = 0;
+        }
+    } else if (n > 0) {
         errno = EPROTO;
-        return -1;
     }
-    std::memcpy(&rep, msg, sizeof rep);
-    if (rep.magic != emu::kCtlMagic || rep.value_len > static_cast<size_t>(n) - sizeof rep) {
-        errno = EPROTO;
-        return -1;
-    }
-    if (rep.result != 0) {
-        errno = rep.error;
-        return -1;
-    }
-    if (op == emu::CtlOp::kGetOpt) {
-        const uint32_t copy = rep.value_len < *len ? rep.value_len : *len;
-        if (copy > 0) std::memcpy(buf, msg + sizeof rep, copy);
-        *len = copy;
-    }
-    return 0;
+    std::free(msg);
+    return rc;
 }
 
-}  // namespace
+}  // namespace tarn::emu
+
+namespace tarn::os {
 
 int route_socket_open()
 {
@@ -155,7 +169,10 @@ int route_getsockopt(int fd, int optname, void *optval, uint32_t *len)
         errno = EFAULT;
         return -1;
     }
-    return control_call(fd, emu::CtlOp::kGetOpt, optname, optval, len);
+    emu::SocketName name;
+    if (emu::socket_name(fd, name) != 0) return -1;
+    return emu::control_call(emu::CtlOp::kGetOpt, name.bytes, name.len, TARN_SOL_ROUTE, optname,
+                             optval, len, *len);
 }
 
 int route_setsockopt(int fd, int optname, const void *optval, uint32_t len)
@@ -164,8 +181,36 @@ int route_setsockopt(int fd, int optname, const void *optval, uint32_t len)
         errno = EFAULT;
         return -1;
     }
-    // The value is only read: control_call copies back for gets alone.
-    return control_call(fd, emu::CtlOp::kSetOpt, optname, const_cast<void *>(optval), &len);
+    emu::SocketName name;
+    if (emu::socket_name(fd, name) != 0) return -1;
+    // A capacity of 0 leaves the value untouched.
+    return emu::control_call(emu::CtlOp::kSetOpt, name.bytes, name.len, TARN_SOL_ROUTE, optname,
+                             const_cast<void *>(optval), &len, 0);
+}
+
+int sysctl_by_name(const char *name, void *oldp, size_t *oldlenp, const void *newp, size_t newlen)
+{
+    // The emulator keeps written values; nothing the library does reads one
+    // back through this path yet.
+    if (oldp != nullptr || oldlenp != nullptr || name == nullptr) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    const size_t name_len = std::strlen(name);
+    uint32_t len = static_cast<uint32_t>(newlen);
+    if (name_len > emu::kMaxNameLen || newlen > emu::kMaxValueLen) {
+        errno = EINVAL;
+        return -1;
+    }
+    return emu::control_call(emu::CtlOp::kSysctlSet, name, static_cast<uint32_t>(name_len), 0, 0,
+                             const_cast<void *>(newp), &len, 0);
+}
+
+ssize_t route_write(int fd, const void *buf, size_t len)
+{
+    // A vanished emulator must give EPIPE, not kill the daemon with SIGPIPE;
+    // the target's routing socket never raises it.
+    return ::send(fd, buf, len, MSG_NOSIGNAL);
 }
 
 int set_nonblocking(int fd)

@@ -7,6 +7,15 @@
 
 #include <tarn/rtsock_wire.h>
 
+#if defined(__FreeBSD__)
+#include <sys/sysctl.h>
+#else
+// Built elsewhere only to keep this file compiling; the declaration is the
+// router OS's.
+extern "C" int sysctlbyname(const char *name, void *oldp, size_t *oldlenp, const void *newp,
+                            size_t newlen);
+#endif
+
 namespace tarn::os {
 
 int route_socket_open()
@@ -31,6 +40,16 @@ int set_nonblocking(int fd)
 {
     // The status flags are replaced, not or-ed: the target kernel's value 5.
     return ::fcntl(fd, F_SETFL, 5);
+}
+
+int sysctl_by_name(const char *name, void *oldp, size_t *oldlenp, const void *newp, size_t newlen)
+{
+    return ::sysctlbyname(name, oldp, oldlenp, newp, newlen);
+}
+
+ssize_t route_write(int fd, const void *buf, size_t len)
+{
+    return ::write(fd, buf, len);
 }
 
 int route_socket_close(int fd)

@@ -1,0 +1,23 @@
+// Shared steps of the read calls.
+#ifndef LIBTARN_RTSLIB_MSG_IO_INTERNAL_H
+#define LIBTARN_RTSLIB_MSG_IO_INTERNAL_H
+
+#include <cstdint>
+
+#include <tarn/rtslib.h>
+
+namespace tarn {
+
+// Reads one message into buf (size bytes at most) and checks its length
+// against its header: 0 with the length in *len_out, EIO when the header
+// claims more than arrived, or the read's errno (reported unless EAGAIN).
+int read_message(rtslib_cookie *h, uint8_t *buf, uint32_t size, uint32_t *len_out);
+
+// Compares a message's sequence number with the handle's: 0, or
+// RTSLIB_SEQ_MISMATCH after the hook or a report. With an asynchronous
+// context the handle's counter follows the message.
+int check_sequence(rtslib_cookie *h, const uint8_t *msg);
+
+}  // namespace tarn
+
+#endif  // LIBTARN_RTSLIB_MSG_IO_INTERNAL_H

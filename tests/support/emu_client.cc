@@ -1,0 +1,42 @@
+#include "emu_client.h"
+
+#include <cstring>
+
+#include "libtarn/os/emu_protocol.h"
+#include <tarn/rtsock_wire.h>
+
+namespace tarn::test {
+
+int inject(int fd, const std::vector<uint8_t> &bytes)
+{
+    emu::SocketName name;
+    if (emu::socket_name(fd, name) != 0) return -1;
+    std::vector<uint8_t> copy = bytes;
+    uint32_t len = static_cast<uint32_t>(copy.size());
+    return emu::control_call(emu::CtlOp::kInject, name.bytes, name.len, 0, 0, copy.data(), &len,
+                             0);
+}
+
+std::vector<uint8_t> raw_message(uint32_t total, uint32_t seq, uint8_t type, uint8_t op,
+                                 int64_t claimed)
+{
+    std::vector<uint8_t> m(total, 0);
+    const uint32_t len = claimed < 0 ? total : static_cast<uint32_t>(claimed);
+    if (total >= 5) m[RTS_HDR_VERSION_OFF] = 'h';
+    if (total > RTS_HDR_TYPE_OFF) m[RTS_HDR_TYPE_OFF] = type;
+    if (total > RTS_HDR_OP_OFF) m[RTS_HDR_OP_OFF] = op;
+    if (total >= RTS_HDR_LEN_OFF + 4) std::memcpy(&m[RTS_HDR_LEN_OFF], &len, 4);
+    if (total >= RTS_HDR_SEQ_OFF + 4) std::memcpy(&m[RTS_HDR_SEQ_OFF], &seq, 4);
+    for (uint32_t i = RTS_HDR_MIN_LEN; i < total; ++i) m[i] = static_cast<uint8_t>(i);
+    return m;
+}
+
+std::vector<uint8_t> envelope(uint32_t magic, uint32_t body_len_field, uint32_t body)
+{
+    std::vector<uint8_t> m(RTS_IDL_ENVELOPE_HDR_LEN + body, 0);
+    std::memcpy(&m[0], &magic, 4);
+    std::memcpy(&m[4], &body_len_field, 4);
+    return m;
+}
+
+}  // namespace tarn::test
