@@ -35,12 +35,13 @@ struct itable16 {
     void *context;
     uint8_t packed;
     Mid *mid[16];  // index >> 12
-    // Per-leaf summaries kept beside the arrays so that first-fit allocation,
-    // removal of the last entry and iteration jump to the right leaf instead
-    // of visiting every slot; they never change what the table answers.
-    uint64_t open[kWords];  // the leaf exists and has an empty slot
-    uint64_t busy[kWords];  // the leaf holds a value
-    uint8_t used[kLeaves];  // values held by the leaf
+    // Occupancy kept beside the arrays, one bit per slot and per leaf, so that
+    // first-fit allocation, removal of the last entry and iteration go
+    // straight to the slot they want instead of visiting slots one by one.
+    // It never changes what the table answers.
+    uint64_t filled[kLeaves];  // bit s of word n: slot (n << 6) | s holds a value
+    uint64_t open[kWords];     // bit n: leaf n exists and has an empty slot
+    uint64_t busy[kWords];     // bit n: leaf n holds a value
 };
 
 namespace {
@@ -101,43 +102,41 @@ Leaf *leaf_for_store(itable16 *t, uint32_t index)
     return leaf;
 }
 
-// Every write of a slot goes through here so that the summaries stay exact.
-void *store(itable16 *t, Leaf *leaf, uint32_t index, void *value)
+// Every write of a slot goes through here so that the occupancy stays exact.
+// The slot is only written, never read: a removal need not wait for it.
+void store(itable16 *t, Leaf *leaf, uint32_t index, void *value)
 {
-    void *&slot = leaf->slot[index & 63];
-    void *old = slot;
-    slot = value;
+    leaf->slot[index & 63] = value;
     const uint32_t n = index >> 6;
-    t->used[n] = static_cast<uint8_t>(t->used[n] + (value != nullptr) - (old != nullptr));
-    set_bit(t->open, n, t->used[n] < kLeafSlots);
-    set_bit(t->busy, n, t->used[n] != 0);
-    return old;
+    uint64_t &bits = t->filled[n];
+    const uint64_t mask = uint64_t{1} << (index & 63);
+    bits = value != nullptr ? bits | mask : bits & ~mask;
+    set_bit(t->open, n, bits != ~uint64_t{0});
+    set_bit(t->busy, n, bits != 0);
 }
 
 // Lowest occupied index at or above `from`, or kNone.
 int first_used_from(const itable16 *t, uint32_t from)
 {
-    for (int n = first_bit_from(t->busy, from >> 6); n != kNone;
-         n = first_bit_from(t->busy, static_cast<uint32_t>(n) + 1)) {
-        const Leaf *leaf = leaf_of(t, static_cast<uint32_t>(n) << 6);
-        const uint32_t begin = static_cast<uint32_t>(n) == from >> 6 ? from & 63 : 0;
-        for (uint32_t s = begin; s < kLeafSlots; ++s)
-            if (leaf->slot[s] != nullptr) return n * 64 + static_cast<int>(s);
-    }
-    return kNone;
+    const uint32_t n = from >> 6;
+    const uint64_t here = t->filled[n] & (~uint64_t{0} << (from & 63));
+    if (here != 0) return static_cast<int>(n * 64 + std::countr_zero(here));
+    if (n + 1 == kLeaves) return kNone;
+    const int next = first_bit_from(t->busy, n + 1);
+    if (next == kNone) return kNone;
+    return next * 64 + std::countr_zero(t->filled[next]);
 }
 
 // Highest occupied index at or below `from`, or kNone.
 int last_used_upto(const itable16 *t, uint32_t from)
 {
-    for (int n = last_bit_upto(t->busy, from >> 6); n != kNone;
-         n = n == 0 ? kNone : last_bit_upto(t->busy, static_cast<uint32_t>(n) - 1)) {
-        const Leaf *leaf = leaf_of(t, static_cast<uint32_t>(n) << 6);
-        const int end = static_cast<uint32_t>(n) == from >> 6 ? static_cast<int>(from & 63) : 63;
-        for (int s = end; s >= 0; --s)
-            if (leaf->slot[s] != nullptr) return n * 64 + s;
-    }
-    return kNone;
+    const uint32_t n = from >> 6;
+    const uint64_t here = t->filled[n] & (~uint64_t{0} >> (63 - (from & 63)));
+    if (here != 0) return static_cast<int>(n * 64 + 63 - std::countl_zero(here));
+    if (n == 0) return kNone;
+    const int prev = last_bit_upto(t->busy, n - 1);
+    if (prev == kNone) return kNone;
+    return prev * 64 + 63 - std::countl_zero(t->filled[prev]);
 }
 
 // Lowest empty slot of the existing leaf arrays, or kNone.
@@ -145,10 +144,7 @@ int first_empty(const itable16 *t)
 {
     const int n = first_bit_from(t->open, 0);
     if (n == kNone) return kNone;
-    const Leaf *leaf = leaf_of(t, static_cast<uint32_t>(n) << 6);
-    int s = 0;
-    while (leaf->slot[s] != nullptr) ++s;
-    return n * 64 + s;
+    return n * 64 + std::countr_zero(~t->filled[n]);
 }
 
 int alloc_append(itable16 *t, void *value, uint16_t *index)
@@ -249,7 +245,10 @@ extern "C" void *itable16_replace(itable16 *table, const uint16_t *index, void *
 {
     if (table == nullptr || index == nullptr || *index >= table->mark) return nullptr;
     Leaf *leaf = leaf_of(table, *index);
-    return leaf ? store(table, leaf, *index, value) : nullptr;
+    if (leaf == nullptr) return nullptr;
+    void *old = leaf->slot[*index & 63];
+    store(table, leaf, *index, value);
+    return old;
 }
 
 extern "C" void itable16_remove(itable16 *table, const uint16_t *index)
@@ -292,7 +291,7 @@ extern "C" uint32_t itable16_destroy(itable16 *table)
 {
     if (table == nullptr) return 0;
     uint32_t count = 0;
-    for (uint8_t n : table->used) count += n;
+    for (uint64_t bits : table->filled) count += static_cast<uint32_t>(std::popcount(bits));
     for (Mid *mid : table->mid) {
         if (mid == nullptr) continue;
         for (Leaf *leaf : mid->leaf)
