@@ -1,6 +1,6 @@
 // The patricia tree beside std::map, absl::btree_map, hash maps and a sorted
-// array, on 1M random 4-byte and 16-byte keys: insert, exact lookup, in-order
-// walk and getnext. The maps get the natural key type of their length
+// array, on 1M (mostly out of cache) and 16K (in cache) random 4-byte and
+// 16-byte keys: insert, exact lookup, in-order walk and getnext. The maps get the natural key type of their length
 // (uint32_t, absl::uint128 in big-endian order, so that the orders agree).
 #include <algorithm>
 #include <array>
@@ -101,22 +101,40 @@ struct Tree {
     patricia_root root;
     std::vector<Record<N>> records;
 
-    static Tree &get()
-    {
-        static Tree t;
-        return t;
-    }
-
-    Tree() : records(kKeys)
+    explicit Tree(size_t n) : records(n)
     {
         patricia_root_init(&root, 0, N, 0);
         const Data<N> &d = Data<N>::get();
-        for (size_t i = 0; i < kKeys; ++i) {
+        for (size_t i = 0; i < n; ++i) {
             records[i].set_key(d.keys[i]);
             patricia_add(&root, &records[i].node);
         }
     }
 };
+
+template <typename Map, size_t N>
+Map make_map(size_t n)
+{
+    const Data<N> &d = Data<N>::get();
+    Map m;
+    for (size_t i = 0; i < n; ++i) m.emplace(MapKey<N>::of(d.keys[i]), nullptr);
+    return m;
+}
+
+// The first n keys in a random order.
+template <size_t N>
+std::vector<uint32_t> lookup_order(size_t n)
+{
+    std::vector<uint32_t> v;
+    for (uint32_t i : Data<N>::get().order)
+        if (i < n) v.push_back(i);
+    return v;
+}
+
+size_t keys_of(const benchmark::State &state)
+{
+    return static_cast<size_t>(state.range(0));
+}
 
 // Reports the time per key ("per_op", in seconds) beside the time per pass.
 void per_key(benchmark::State &state, size_t ops)
@@ -132,32 +150,34 @@ template <size_t N>
 void BM_PatriciaInsert(benchmark::State &state)
 {
     const Data<N> &d = Data<N>::get();
-    std::vector<Record<N>> records(kKeys);
+    const size_t n = keys_of(state);
+    std::vector<Record<N>> records(n);
     patricia_root root;
     for (auto _ : state) {
         state.PauseTiming();
         patricia_root_init(&root, 0, N, 0);
-        for (size_t i = 0; i < kKeys; ++i) records[i].set_key(d.keys[i]);
+        for (size_t i = 0; i < n; ++i) records[i].set_key(d.keys[i]);
         state.ResumeTiming();
-        for (size_t i = 0; i < kKeys; ++i) patricia_add(&root, &records[i].node);
+        for (size_t i = 0; i < n; ++i) patricia_add(&root, &records[i].node);
         benchmark::DoNotOptimize(root.root);
     }
-    per_key(state, kKeys);
+    per_key(state, n);
 }
 
 template <typename Map, size_t N>
 void BM_MapInsert(benchmark::State &state)
 {
     const Data<N> &d = Data<N>::get();
+    const size_t n = keys_of(state);
     for (auto _ : state) {
         Map m;
-        for (size_t i = 0; i < kKeys; ++i) m.emplace(MapKey<N>::of(d.keys[i]), nullptr);
+        for (size_t i = 0; i < n; ++i) m.emplace(MapKey<N>::of(d.keys[i]), nullptr);
         benchmark::DoNotOptimize(m);
         state.PauseTiming();
         m = Map();
         state.ResumeTiming();
     }
-    per_key(state, kKeys);
+    per_key(state, n);
 }
 
 // --- exact lookup ----------------------------------------------------------------
@@ -166,22 +186,23 @@ template <size_t N>
 void BM_PatriciaLookup(benchmark::State &state)
 {
     const Data<N> &d = Data<N>::get();
-    Tree<N> &tree = Tree<N>::get();
+    Tree<N> tree(keys_of(state));
+    const std::vector<uint32_t> order = lookup_order<N>(keys_of(state));
     for (auto _ : state)
-        for (uint32_t i : d.order)
+        for (uint32_t i : order)
             benchmark::DoNotOptimize(patricia_get(&tree.root, N, d.keys[i].data()));
-    per_key(state, kKeys);
+    per_key(state, order.size());
 }
 
 template <typename Map, size_t N>
 void BM_MapLookup(benchmark::State &state)
 {
     const Data<N> &d = Data<N>::get();
-    Map m;
-    for (size_t i = 0; i < kKeys; ++i) m.emplace(MapKey<N>::of(d.keys[i]), nullptr);
+    const Map m = make_map<Map, N>(keys_of(state));
+    const std::vector<uint32_t> order = lookup_order<N>(keys_of(state));
     for (auto _ : state)
-        for (uint32_t i : d.order) benchmark::DoNotOptimize(m.find(MapKey<N>::of(d.keys[i])));
-    per_key(state, kKeys);
+        for (uint32_t i : order) benchmark::DoNotOptimize(m.find(MapKey<N>::of(d.keys[i])));
+    per_key(state, order.size());
 }
 
 template <size_t N>
@@ -189,13 +210,14 @@ void BM_SortedArrayLookup(benchmark::State &state)
 {
     const Data<N> &d = Data<N>::get();
     std::vector<typename MapKey<N>::type> sorted;
-    for (const auto &k : d.keys) sorted.push_back(MapKey<N>::of(k));
+    for (size_t i = 0; i < keys_of(state); ++i) sorted.push_back(MapKey<N>::of(d.keys[i]));
     std::sort(sorted.begin(), sorted.end());
+    const std::vector<uint32_t> order = lookup_order<N>(keys_of(state));
     for (auto _ : state)
-        for (uint32_t i : d.order)
+        for (uint32_t i : order)
             benchmark::DoNotOptimize(
                 std::lower_bound(sorted.begin(), sorted.end(), MapKey<N>::of(d.keys[i])));
-    per_key(state, kKeys);
+    per_key(state, order.size());
 }
 
 // --- in-order walk ---------------------------------------------------------------
@@ -203,23 +225,21 @@ void BM_SortedArrayLookup(benchmark::State &state)
 template <size_t N>
 void BM_PatriciaWalk(benchmark::State &state)
 {
-    Tree<N> &tree = Tree<N>::get();
+    Tree<N> tree(keys_of(state));
     for (auto _ : state)
         for (patricia_node *n = patricia_find_next(&tree.root, nullptr); n != nullptr;
              n = patricia_find_next(&tree.root, n))
             benchmark::DoNotOptimize(n);
-    per_key(state, kKeys);
+    per_key(state, keys_of(state));
 }
 
 template <typename Map, size_t N>
 void BM_MapWalk(benchmark::State &state)
 {
-    const Data<N> &d = Data<N>::get();
-    Map m;
-    for (size_t i = 0; i < kKeys; ++i) m.emplace(MapKey<N>::of(d.keys[i]), nullptr);
+    const Map m = make_map<Map, N>(keys_of(state));
     for (auto _ : state)
         for (const auto &kv : m) benchmark::DoNotOptimize(&kv);
-    per_key(state, kKeys);
+    per_key(state, keys_of(state));
 }
 
 // --- getnext (first key greater than a random probe) -------------------------------
@@ -228,22 +248,22 @@ template <size_t N>
 void BM_PatriciaGetnext(benchmark::State &state)
 {
     const Data<N> &d = Data<N>::get();
-    Tree<N> &tree = Tree<N>::get();
+    Tree<N> tree(keys_of(state));
     for (auto _ : state)
-        for (const auto &p : d.probes)
-            benchmark::DoNotOptimize(patricia_getnext(&tree.root, N, p.data(), false));
-    per_key(state, kKeys);
+        for (size_t i = 0; i < keys_of(state); ++i)
+            benchmark::DoNotOptimize(patricia_getnext(&tree.root, N, d.probes[i].data(), false));
+    per_key(state, keys_of(state));
 }
 
 template <typename Map, size_t N>
 void BM_MapGetnext(benchmark::State &state)
 {
     const Data<N> &d = Data<N>::get();
-    Map m;
-    for (size_t i = 0; i < kKeys; ++i) m.emplace(MapKey<N>::of(d.keys[i]), nullptr);
+    const Map m = make_map<Map, N>(keys_of(state));
     for (auto _ : state)
-        for (const auto &p : d.probes) benchmark::DoNotOptimize(m.upper_bound(MapKey<N>::of(p)));
-    per_key(state, kKeys);
+        for (size_t i = 0; i < keys_of(state); ++i)
+            benchmark::DoNotOptimize(m.upper_bound(MapKey<N>::of(d.probes[i])));
+    per_key(state, keys_of(state));
 }
 
 template <size_t N>
@@ -256,23 +276,25 @@ template <size_t N>
 using Unordered =
     std::unordered_map<typename MapKey<N>::type, void *, absl::Hash<typename MapKey<N>::type>>;
 
-#define TARN_BENCH_ALL(N)                                                      \
-    BENCHMARK(BM_PatriciaInsert<N>)->Unit(benchmark::kMillisecond);            \
-    BENCHMARK(BM_MapInsert<StdMap<N>, N>)->Unit(benchmark::kMillisecond);      \
-    BENCHMARK(BM_MapInsert<Btree<N>, N>)->Unit(benchmark::kMillisecond);       \
-    BENCHMARK(BM_MapInsert<FlatHash<N>, N>)->Unit(benchmark::kMillisecond);    \
-    BENCHMARK(BM_PatriciaLookup<N>)->Unit(benchmark::kMillisecond);            \
-    BENCHMARK(BM_MapLookup<StdMap<N>, N>)->Unit(benchmark::kMillisecond);      \
-    BENCHMARK(BM_MapLookup<Btree<N>, N>)->Unit(benchmark::kMillisecond);       \
-    BENCHMARK(BM_MapLookup<FlatHash<N>, N>)->Unit(benchmark::kMillisecond);    \
-    BENCHMARK(BM_MapLookup<Unordered<N>, N>)->Unit(benchmark::kMillisecond);   \
-    BENCHMARK(BM_SortedArrayLookup<N>)->Unit(benchmark::kMillisecond);         \
-    BENCHMARK(BM_PatriciaWalk<N>)->Unit(benchmark::kMillisecond);              \
-    BENCHMARK(BM_MapWalk<StdMap<N>, N>)->Unit(benchmark::kMillisecond);        \
-    BENCHMARK(BM_MapWalk<Btree<N>, N>)->Unit(benchmark::kMillisecond);         \
-    BENCHMARK(BM_PatriciaGetnext<N>)->Unit(benchmark::kMillisecond);           \
-    BENCHMARK(BM_MapGetnext<StdMap<N>, N>)->Unit(benchmark::kMillisecond);     \
-    BENCHMARK(BM_MapGetnext<Btree<N>, N>)->Unit(benchmark::kMillisecond)
+// Each on 1M keys (mostly out of cache) and 16K keys (in cache).
+#define TARN_BENCH(...) BENCHMARK(__VA_ARGS__)->Arg(kKeys)->Arg(1 << 14)->Unit(benchmark::kMicrosecond)
+#define TARN_BENCH_ALL(N)                       \
+    TARN_BENCH(BM_PatriciaInsert<N>);           \
+    TARN_BENCH(BM_MapInsert<StdMap<N>, N>);     \
+    TARN_BENCH(BM_MapInsert<Btree<N>, N>);      \
+    TARN_BENCH(BM_MapInsert<FlatHash<N>, N>);   \
+    TARN_BENCH(BM_PatriciaLookup<N>);           \
+    TARN_BENCH(BM_MapLookup<StdMap<N>, N>);     \
+    TARN_BENCH(BM_MapLookup<Btree<N>, N>);      \
+    TARN_BENCH(BM_MapLookup<FlatHash<N>, N>);   \
+    TARN_BENCH(BM_MapLookup<Unordered<N>, N>);  \
+    TARN_BENCH(BM_SortedArrayLookup<N>);        \
+    TARN_BENCH(BM_PatriciaWalk<N>);             \
+    TARN_BENCH(BM_MapWalk<StdMap<N>, N>);       \
+    TARN_BENCH(BM_MapWalk<Btree<N>, N>);        \
+    TARN_BENCH(BM_PatriciaGetnext<N>);          \
+    TARN_BENCH(BM_MapGetnext<StdMap<N>, N>);    \
+    TARN_BENCH(BM_MapGetnext<Btree<N>, N>)
 
 TARN_BENCH_ALL(4);
 TARN_BENCH_ALL(16);

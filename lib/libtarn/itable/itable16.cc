@@ -7,7 +7,7 @@
 
 #include "libtarn/itable/itable_internal.h"
 
-namespace tarn_itable {
+namespace {
 
 constexpr uint32_t kIndexes = 0x10000;
 constexpr uint32_t kLeafSlots = 64;                  // index & 63
@@ -23,9 +23,7 @@ struct Mid {
     Leaf *leaf[64];  // (index >> 6) & 63
 };
 
-}  // namespace tarn_itable
-
-using namespace tarn_itable;
+}  // namespace
 
 struct itable16 {
     uint32_t mark;       // one past the largest index in use
