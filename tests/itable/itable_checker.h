@@ -22,7 +22,7 @@ namespace tarn_test {
 
 using Entry = std::pair<uint32_t, uintptr_t>;
 
-// itable16 as described: values by index, the leaf arrays that exist (they
+// The itable16 rules: values by index, the leaf arrays that exist (they
 // are never freed before destroy), the high-water mark and the bound.
 struct Model16 {
     std::map<uint32_t, uintptr_t> slots;
@@ -117,7 +117,7 @@ struct Model16 {
     }
 };
 
-// itable32 as described: a Model16 per block, the inclusive bound, the
+// The itable32 rules: a Model16 per block, the inclusive bound, the
 // mark that only an index above it raises.
 struct Model32 {
     std::map<uint32_t, Model16> subs;  // by block

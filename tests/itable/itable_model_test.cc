@@ -1,5 +1,5 @@
 // Long seeded random operation sequences on itable16 and itable32, every
-// answer checked against a brute-force model of the described rules.
+// answer checked against a brute-force model of the tables' rules.
 #include <cstdlib>
 #include <random>
 #include <string>

@@ -1,6 +1,6 @@
 // Fixed cases of the patricia tree: the bit tables and encodings, the shapes
-// the description singles out, roots and allocator hooks, and every
-// assertion with its exact report.
+// that matter (one node, the node that tests nothing), roots and allocator
+// hooks, and every assertion with its exact report.
 #include <bit>
 #include <csignal>
 #include <cstddef>

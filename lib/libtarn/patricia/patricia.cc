@@ -125,7 +125,7 @@ const patricia_node *predecessor(const patricia_node *turn)
 
 struct Walk {
     const patricia_node *leaf;
-    const patricia_node *turn;  // last node left towards `side`, or NULL
+    const patricia_node *turn;  // the last node where the walk took `side`, or NULL
 };
 
 Walk walk_remembering(const patricia_root *root, const patricia_node *node, bool side)
