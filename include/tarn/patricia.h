@@ -112,7 +112,8 @@ TARN_API patricia_node *patricia_subtree_next(patricia_root *root, patricia_node
  * over the shorter one's length compare equal. */
 TARN_API int patricia_compare_nodes(patricia_root *root, patricia_node *a, patricia_node *b);
 
-/* The lookups above for read-only roots and nodes. */
+/* The lookups above for read-only roots and nodes; they behave, and report
+ * failed assertions, exactly as the functions they mirror. */
 TARN_API const patricia_node *patricia_cons_get(const patricia_root *root, uint16_t key_bytes,
                                                 const void *key);
 TARN_API const patricia_node *patricia_cons_find_next(const patricia_root *root,
