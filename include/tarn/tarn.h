@@ -7,5 +7,8 @@
 #include <tarn/common.h>
 #include <tarn/rtsock_wire.h>
 #include <tarn/rtslib.h>
+#include <tarn/idl_codec.h>
+#include <tarn/idl_records.h>
+#include <tarn/idl.h>
 
 #endif /* TARN_TARN_H */
