@@ -254,52 +254,43 @@ private:
     int32_t err_ = 0;
 };
 
-inline void release_bytes(uint8_t **ptr, uint32_t *len, tarn_idl_free_fn free_fn, void *ctx)
+// Releases leave the record's fields as they were: the decoder's duplicate
+// check runs a release with a probe in place of free and must not lose what
+// it probes.
+inline void release_bytes(uint8_t *const *ptr, tarn_idl_free_fn free_fn, void *ctx)
 {
     if (*ptr && free_fn) free_fn(*ptr, ctx);
-    *ptr = nullptr;
-    *len = 0;
 }
 
 // Element releases take the element map of the same index; then each element,
 // the element array and the element-map array go back to free_fn.
 template <class R, class M>
-void release_array(R ***elems, uint32_t *count, M **maps, TlvReleaseFn<R, M> rel,
+void release_array(R **elems, uint32_t count, M *maps, TlvReleaseFn<R, M> rel,
                    tarn_idl_free_fn free_fn, void *ctx)
 {
-    if (*elems) {
-        for (uint32_t i = 0; i < *count; ++i) {
-            R *e = (*elems)[i];
-            if (!e) continue;
-            rel(e, maps && *maps ? &(*maps)[i] : nullptr, free_fn, ctx);
-            if (free_fn) free_fn(e, ctx);
+    if (elems) {
+        for (uint32_t i = 0; i < count; ++i) {
+            if (!elems[i]) continue;
+            rel(elems[i], maps ? &maps[i] : nullptr, free_fn, ctx);
+            if (free_fn) free_fn(elems[i], ctx);
         }
-        if (free_fn) free_fn(*elems, ctx);
+        if (free_fn) free_fn(elems, ctx);
     }
-    *elems = nullptr;
-    *count = 0;
-    if (maps && *maps) {
-        if (free_fn) free_fn(*maps, ctx);
-        *maps = nullptr;
-    }
+    if (maps && free_fn) free_fn(maps, ctx);
 }
 
 // IDR release has no maps; the element releases take (record, free, ctx).
 template <class R>
-void release_array_idr(R ***elems, uint32_t *count, void (*rel)(R *, tarn_idl_free_fn, void *),
+void release_array_idr(R **elems, uint32_t count, void (*rel)(R *, tarn_idl_free_fn, void *),
                        tarn_idl_free_fn free_fn, void *ctx)
 {
-    if (*elems) {
-        for (uint32_t i = 0; i < *count; ++i) {
-            R *e = (*elems)[i];
-            if (!e) continue;
-            rel(e, free_fn, ctx);
-            if (free_fn) free_fn(e, ctx);
-        }
-        if (free_fn) free_fn(*elems, ctx);
+    if (!elems) return;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (!elems[i]) continue;
+        rel(elems[i], free_fn, ctx);
+        if (free_fn) free_fn(elems[i], ctx);
     }
-    *elems = nullptr;
-    *count = 0;
+    if (free_fn) free_fn(elems, ctx);
 }
 
 // --- IDR ---------------------------------------------------------------

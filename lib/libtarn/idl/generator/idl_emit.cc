@@ -178,14 +178,13 @@ void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t)
         o << "    if (!r) return;\n";
         for (const Field &f : t.fields) {
             if (f.kind == Kind::Bytes)
-                o << "    idl::release_bytes(&r->" << f.name << ", &r->" << count_name(f)
-                  << ", f, c);\n";
+                o << "    idl::release_bytes(&r->" << f.name << ", f, c);\n";
             else if (f.kind == Kind::Record && holds_blocks(model, *model.find(f.type)))
                 o << "    tlv_release_" << f.type << "_0(&r->" << f.name << ", "
                   << map_arg(f, true) << ", f, c);\n";
             else if (f.kind == Kind::Array)
-                o << "    idl::release_array(&r->" << f.name << ", &r->" << count_name(f) << ", "
-                  << map_arg(f, true) << ", &tlv_release_" << f.type << "_0, f, c);\n";
+                o << "    idl::release_array(r->" << f.name << ", r->" << count_name(f) << ", "
+                  << map_arg(f, false) << ", &tlv_release_" << f.type << "_0, f, c);\n";
         }
     }
     o << "}\n\n";
@@ -249,12 +248,11 @@ void emit_idr_functions(std::ostream &o, const Model &model, const Type &t)
         o << "    if (!r) return;\n";
         for (const Field &f : t.fields) {
             if (f.kind == Kind::Bytes)
-                o << "    idl::release_bytes(&r->" << f.name << ", &r->" << count_name(f)
-                  << ", f, c);\n";
+                o << "    idl::release_bytes(&r->" << f.name << ", f, c);\n";
             else if (f.kind == Kind::Record && holds_blocks(model, *model.find(f.type)))
                 o << "    idr_release_" << f.type << "_0(&r->" << f.name << ", f, c);\n";
             else if (f.kind == Kind::Array)
-                o << "    idl::release_array_idr(&r->" << f.name << ", &r->" << count_name(f)
+                o << "    idl::release_array_idr(r->" << f.name << ", r->" << count_name(f)
                   << ", &idr_release_" << f.type << "_0, f, c);\n";
         }
     }
