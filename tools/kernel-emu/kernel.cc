@@ -80,7 +80,8 @@ std::string option_name(int optname)
 }
 
 Kernel::Kernel(const EmuConfig &cfg, const EmuLog &log, Outbox &outbox)
-    : cfg_(cfg), log_(log), outbox_(outbox), codec_(rtslib_open_nc()), arena_(kArenaStart)
+    : cfg_(cfg), log_(log), outbox_(outbox), codec_(rtslib_open_nc()), arena_(kArenaStart),
+      tx_(RTS_MSG_MAX)
 {
     rtslib_lib_error_register(codec_, const_cast<EmuLog *>(&log_), log_sink);
     // Byte 0 is whatever type count is configured, but a version byte is
@@ -229,7 +230,8 @@ void Kernel::dispatch(RouteSocket &sock, const rts_hdr_t &hdr, void *record, boo
     }
 }
 
-// Answers in the encoding the request used: TLV when a map is given.
+// Answers in the encoding the request used: TLV when a map is given. The
+// answer is encoded into a buffer kept across answers.
 void Kernel::answer(RouteSocket &sock, const void *record, const void *map)
 {
     const auto id = static_cast<unsigned long long>(sock.id);
@@ -238,12 +240,20 @@ void Kernel::answer(RouteSocket &sock, const void *record, const void *map)
         log_.line("socket %llu: answer dropped", id);
         return;
     }
-    void *buf = nullptr;
-    uint32_t len = 0;
-    if (rtslib_msg_idl_encode(codec_, record, map, &buf, &len) != 0) return;
-    const int err = outbox_.deliver(sock, static_cast<uint8_t *>(buf), len);
+    rts_msg_t env{static_cast<const rts_hdr_t *>(record)->type, const_cast<void *>(record)};
+    rts_msg_map_t env_map{const_cast<void *>(map)};
+    auto encode = [&] {
+        const auto cap = static_cast<uint32_t>(tx_.size());
+        return map != nullptr ? tlv_encode_rts_msg_0(&env, &env_map, tx_.data(), cap)
+                              : idr_encode_rts_msg_0(&env, tx_.data(), cap);
+    };
+    uint32_t len = encode();
+    if (len > tx_.size()) {
+        tx_.resize(len);
+        len = encode();
+    }
+    const int err = outbox_.deliver(sock, tx_.data(), len);
     if (err != 0) log_.line("socket %llu: answer not delivered: %s", id, std::strerror(err));
-    rtslib_msg_free(codec_, buf);
 }
 
 int Kernel::command(RouteSocket *sock, const std::string &text, std::string &out)
@@ -253,6 +263,10 @@ int Kernel::command(RouteSocket *sock, const std::string &text, std::string &out
     in >> verb;
     if (verb == "dump") {
         out = routing_.dump();
+        return 0;
+    }
+    if (verb == "count") {
+        out = "routes " + std::to_string(routing_.route_count()) + "\n";
         return 0;
     }
     if (verb == "drop-replies") {
@@ -274,10 +288,11 @@ int Kernel::command(RouteSocket *sock, const std::string &text, std::string &out
             if (end != pair.c_str() + 2) return EINVAL;
             group.push_back(static_cast<uint8_t>(byte));
         }
-        routing_.add_mgroup(static_cast<uint16_t>(tid), static_cast<uint8_t>(af),
-                            make_prefix_key(group.data(), static_cast<uint32_t>(group.size()),
-                                            static_cast<uint16_t>(bits)),
-                            iif);
+        PrefixKey key;
+        if (!make_prefix_key(group.data(), static_cast<uint32_t>(group.size()),
+                             static_cast<uint16_t>(bits), key))
+            return EINVAL;
+        routing_.add_mgroup(static_cast<uint16_t>(tid), static_cast<uint8_t>(af), key, iif);
         return 0;
     }
     return EOPNOTSUPP;

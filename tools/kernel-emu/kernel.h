@@ -59,8 +59,8 @@ public:
     int sysctl_set(const std::string &name, const uint8_t *value, size_t len);
     const std::map<std::string, std::vector<uint8_t>> &sysctls() const { return sysctls_; }
 
-    // A scripting command from a test or a person ("dump", "drop-replies N",
-    // "mgroup-add TID AF HEX BITS IIF"); `sock` is the socket it names, if
+    // A scripting command from a test or a person ("dump", "count",
+    // "drop-replies N", "mgroup-add TID AF HEX BITS IIF"); `sock` is the socket it names, if
     // any. 0 with the command's output in `out`, or an errno value.
     int command(RouteSocket *sock, const std::string &text, std::string &out);
 
@@ -75,6 +75,7 @@ private:
     Routing routing_;
     rtslib_cookie *codec_;          // a handle without socket for the codecs
     std::vector<uint8_t> arena_;    // decode arena, reused for every request
+    std::vector<uint8_t> tx_;       // encoded answers, reused
 
     void dispatch(RouteSocket &sock, const rts_hdr_t &hdr, void *record, bool tlv);
     void answer(RouteSocket &sock, const void *record, const void *map);

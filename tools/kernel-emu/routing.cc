@@ -16,12 +16,14 @@ constexpr uint32_t kStatsFoundOff = 40;
 constexpr uint32_t kStatsAfOff = 23;
 constexpr uint32_t kStatsTidOff = 26;
 
-std::string hex(const std::string &bytes)
+std::string hex(const PrefixKey &key)
 {
     std::string out;
     char b[3];
-    for (unsigned char c : bytes) {
-        std::snprintf(b, sizeof b, "%02x", c);
+    uint8_t bytes[kMaxPrefixBits / 8];
+    key.bytes(bytes);
+    for (uint32_t i = 0; i < key.significant_bytes(); ++i) {
+        std::snprintf(b, sizeof b, "%02x", bytes[i]);
         out += b;
     }
     return out.empty() ? "-" : out;
@@ -44,15 +46,47 @@ void answer_header(const rts_hdr_t &req, rts_hdr_t &ans, uint32_t error = 0)
 
 }  // namespace
 
-PrefixKey make_prefix_key(const uint8_t *prefix, uint32_t len, uint16_t plen)
+bool make_prefix_key(const uint8_t *prefix, uint32_t len, uint16_t plen, PrefixKey &key)
 {
-    PrefixKey k;
-    k.plen = plen;
-    const uint32_t n = std::min<uint32_t>((plen + 7u) / 8u, prefix != nullptr ? len : 0);
-    k.bytes.assign(reinterpret_cast<const char *>(prefix), n);
-    if (plen % 8 != 0 && n == (plen + 7u) / 8u)
-        k.bytes[n - 1] = static_cast<char>(k.bytes[n - 1] & (0xff00 >> (plen % 8)));
-    return k;
+    key = PrefixKey{};
+    if (plen > kMaxPrefixBits) return false;
+    key.plen = plen;
+    uint8_t b[kMaxPrefixBits / 8] = {};
+    const uint32_t n = std::min<uint32_t>(key.significant_bytes(), prefix != nullptr ? len : 0);
+    if (n > 0) std::memcpy(b, prefix, n);
+    if (plen % 8 != 0 && n == key.significant_bytes())
+        b[n - 1] = static_cast<uint8_t>(b[n - 1] & (0xff00 >> (plen % 8)));
+    for (int i = 0; i < 8; ++i) {
+        key.hi = key.hi << 8 | b[i];
+        key.lo = key.lo << 8 | b[8 + i];
+    }
+    return true;
+}
+
+void PrefixKey::bytes(uint8_t out[kMaxPrefixBits / 8]) const
+{
+    for (int i = 0; i < 8; ++i) {
+        out[i] = static_cast<uint8_t>(hi >> (56 - 8 * i));
+        out[8 + i] = static_cast<uint8_t>(lo >> (56 - 8 * i));
+    }
+}
+
+uint32_t Table::store(Route &&r)
+{
+    if (!free_slots.empty()) {
+        const uint32_t slot = free_slots.back();
+        free_slots.pop_back();
+        slots[slot] = std::move(r);
+        return slot;
+    }
+    slots.push_back(std::move(r));
+    return static_cast<uint32_t>(slots.size() - 1);
+}
+
+void Table::drop(uint32_t slot)
+{
+    slots[slot] = Route{};
+    free_slots.push_back(slot);
 }
 
 Routing::Routing()
@@ -73,11 +107,11 @@ Table *Routing::find_table(uint16_t tid, uint8_t af)
     return it == tables_.end() ? nullptr : &it->second;
 }
 
-uint8_t *Routing::answer_bytes(std::vector<uint8_t> &store, const std::string &bytes,
-                               uint32_t padded, uint32_t *len)
+uint8_t *Routing::answer_prefix(std::vector<uint8_t> &store, const PrefixKey &key, uint32_t *len)
 {
-    store.assign(std::max<size_t>(padded, bytes.size()), 0);
-    std::memcpy(store.data(), bytes.data(), bytes.size());
+    uint8_t bytes[kMaxPrefixBits / 8];
+    key.bytes(bytes);
+    store.assign(bytes, bytes + padded_prefix_len(key.plen));
     *len = static_cast<uint32_t>(store.size());
     return store.empty() ? nullptr : store.data();
 }
@@ -98,8 +132,7 @@ void Routing::fill_route_answer(const PrefixKey &pk, const Route &r, rt_msg_t &a
     answer.altfwdnhidx = r.altfwdnhidx;
     answer.ack_index = r.index;
     answer.plen = pk.plen;
-    answer.prefix = answer_bytes(answer_prefix_, pk.bytes, padded_prefix_len(pk.plen),
-                                 &answer.prefix_len);
+    answer.prefix = answer_prefix(answer_prefix_, pk, &answer.prefix_len);
     answer.source = nullptr;
     answer.source_count = 0;
     if (!r.source.empty()) {
@@ -121,11 +154,14 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
     answer_header(req.hdr, answer.hdr);
     answer.tid = req.tid;
     answer.af = req.af;
-    const PrefixKey pk = make_prefix_key(req.prefix, req.prefix_len, req.plen);
-    Table *t = find_table(req.tid, req.af);
     const uint8_t op = req.hdr.op;
     const bool acked = op == RTS_OP_ADD_ACK;
-
+    PrefixKey pk;
+    if (!make_prefix_key(req.prefix, req.prefix_len, req.plen, pk)) {
+        answer.hdr.origin = kErrInvalid;
+        return acked || is_answered(op);
+    }
+    Table *t = find_table(req.tid, req.af);
     if (t == nullptr) {
         answer.hdr.origin = kErrNoTable;
         return acked || is_answered(op);
@@ -152,16 +188,17 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
                             req.source[0]->sa_addr + req.source[0]->sa_addr_len);
         r.index = next_index_;
         next_index_ = static_cast<uint16_t>(next_index_ == 0xffff ? 1 : next_index_ + 1);
-        auto [it, inserted] = t->routes.emplace(pk, std::move(r));
+        auto [it, inserted] = t->routes.try_emplace(pk, 0);
         if (!inserted) {
             ++t->refused;
             answer.hdr.origin = kErrExists;
             return acked;
         }
+        it->second = t->store(std::move(r));
         ++t->adds;
         if (acked) {
             ++t->acked_adds;
-            fill_route_answer(it->first, it->second, answer);
+            fill_route_answer(it->first, t->slots[it->second], answer);
         }
         return acked;
     }
@@ -171,17 +208,23 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
             ++t->refused;
             return false;
         }
-        it->second.nh = req.nh;
-        it->second.nhidx = req.nhidx;
-        it->second.flags = req.flags;
+        Route &r = t->slots[it->second];
+        r.nh = req.nh;
+        r.nhidx = req.nhidx;
+        r.flags = req.flags;
         return false;
     }
-    case RTS_OP_DELETE:
-        if (t->routes.erase(pk) == 0)
+    case RTS_OP_DELETE: {
+        auto it = t->routes.find(pk);
+        if (it == t->routes.end()) {
             ++t->refused;
-        else
-            ++t->deletes;
+            return false;
+        }
+        t->drop(it->second);
+        t->routes.erase(it);
+        ++t->deletes;
         return false;
+    }
     case RTS_OP_GET: {
         ++t->gets;
         auto it = t->routes.find(pk);
@@ -189,8 +232,9 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
             answer.hdr.origin = kErrNoEntry;
             return true;
         }
-        ++it->second.lookups;
-        fill_route_answer(it->first, it->second, answer);
+        Route &r = t->slots[it->second];
+        ++r.lookups;
+        fill_route_answer(it->first, r, answer);
         return true;
     }
     case RTS_OP_GETNEXT: {
@@ -201,7 +245,7 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
             answer.hdr.origin = kErrNoEntry;
             return true;
         }
-        fill_route_answer(it->first, it->second, answer);
+        fill_route_answer(it->first, t->slots[it->second], answer);
         return true;
     }
     default:
@@ -295,8 +339,12 @@ bool Routing::mgroup_request(const mgr_msg_t &req, mgr_msg_t &answer)
     answer.af = req.af;
     answer.tid = req.tid;
     if (!is_answered(req.hdr.op)) return false;
-    const auto key = std::make_tuple(req.tid, req.af,
-                                     make_prefix_key(req.group, req.group_len, req.grp_plen));
+    PrefixKey group;
+    if (!make_prefix_key(req.group, req.group_len, req.grp_plen, group)) {
+        answer.hdr.origin = kErrInvalid;
+        return true;
+    }
+    const auto key = std::make_tuple(req.tid, req.af, group);
     auto it = req.hdr.op == RTS_OP_GET ? mgroups_.find(key) : mgroups_.upper_bound(key);
     if (it == mgroups_.end() || std::get<0>(it->first) != req.tid ||
         std::get<1>(it->first) != req.af) {
@@ -305,7 +353,7 @@ bool Routing::mgroup_request(const mgr_msg_t &req, mgr_msg_t &answer)
     }
     const PrefixKey &g = std::get<2>(it->first);
     answer.grp_plen = g.plen;
-    answer.group = answer_bytes(answer_prefix_, g.bytes, padded_prefix_len(g.plen), &answer.group_len);
+    answer.group = answer_prefix(answer_prefix_, g, &answer.group_len);
     answer.iif_index = it->second.iif_index;
     return true;
 }
@@ -320,13 +368,15 @@ std::vector<uint8_t> Routing::stats_request(const uint8_t *req, uint32_t len)
     std::vector<uint8_t> answer(req, req + len);
     Table *t = find_table(load_u16(req + kStatsTidOff), req[kStatsAfOff]);
     if (t == nullptr) return answer;
-    const PrefixKey pk = make_prefix_key(req + RTS_RTSTATS_FIXED_LEN, len - RTS_RTSTATS_FIXED_LEN, bits);
+    PrefixKey pk;
+    if (!make_prefix_key(req + RTS_RTSTATS_FIXED_LEN, len - RTS_RTSTATS_FIXED_LEN, bits, pk))
+        return answer;
     auto it = t->routes.find(pk);
     if (it == t->routes.end()) return answer;
     // Found: the counters follow the repeated request.
     const uint32_t counters[RTS_RTSTATS_COUNTERS] = {
         static_cast<uint32_t>(t->routes.size()), t->adds, t->deletes, t->gets, t->getnexts,
-        t->acked_adds, t->refused, it->second.lookups, it->second.index};
+        t->acked_adds, t->refused, t->slots[it->second].lookups, t->slots[it->second].index};
     answer[kStatsFoundOff] = 1;
     answer.resize(len + sizeof counters);
     std::memcpy(answer.data() + len, counters, sizeof counters);
@@ -351,17 +401,18 @@ std::string Routing::dump() const
                       tk.tid, tk.af, t.name.c_str(), t.lr_name.c_str(), t.flags, t.routes.size(),
                       t.adds, t.deletes);
         out += line;
-        for (const auto &[pk, r] : t.routes) {
+        for (const auto &[pk, slot] : t.routes) {
+            const Route &r = t.slots[slot];
             std::snprintf(line, sizeof line,
                           "route %u af %u %s/%u type %u nh %u nhidx %u flags 0x%x index %u%s\n",
-                          tk.tid, tk.af, hex(pk.bytes).c_str(), pk.plen, r.type, r.nh, r.nhidx,
+                          tk.tid, tk.af, hex(pk).c_str(), pk.plen, r.type, r.nh, r.nhidx,
                           r.flags, r.index, r.source.empty() ? "" : " source");
             out += line;
         }
     }
     for (const auto &[key, g] : mgroups_) {
         std::snprintf(line, sizeof line, "mgroup %u af %u %s/%u iif %u\n", std::get<0>(key),
-                      std::get<1>(key), hex(std::get<2>(key).bytes).c_str(), std::get<2>(key).plen,
+                      std::get<1>(key), hex(std::get<2>(key)).c_str(), std::get<2>(key).plen,
                       g.iif_index);
         out += line;
     }

@@ -6,10 +6,13 @@
 #define TARN_KERNEL_EMU_ROUTING_H
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <string>
 #include <tuple>
 #include <vector>
+
+#include <absl/container/btree_map.h>
 
 #include <tarn/idl.h>
 
@@ -21,16 +24,33 @@ inline constexpr uint32_t kErrNoTable = 3;  // ESRCH
 inline constexpr uint32_t kErrExists = 17;  // EEXIST
 inline constexpr uint32_t kErrInvalid = 22; // EINVAL
 
-// A prefix as the kernel orders them: its significant bytes (bits past the
-// length cleared), then its length.
+// Longest prefix the kernel keeps, in bits (IPv6).
+inline constexpr uint16_t kMaxPrefixBits = 128;
+
+// A prefix as the kernel orders them: its bytes with the bits past its
+// length cleared, then its length. Byte-wise order of the zero-padded bytes
+// with the length breaking ties is the usual prefix order (10/8 < 10.0/16 <
+// 10.1/16); the bytes are kept as two big-endian words so that order is two
+// integer comparisons.
 struct PrefixKey {
-    std::string bytes;
+    uint64_t hi = 0, lo = 0;
     uint16_t plen = 0;
-    auto operator<=>(const PrefixKey &) const = default;
+    bool operator<(const PrefixKey &o) const
+    {
+        return hi != o.hi ? hi < o.hi : lo != o.lo ? lo < o.lo : plen < o.plen;
+    }
+    bool operator==(const PrefixKey &o) const
+    {
+        return hi == o.hi && lo == o.lo && plen == o.plen;
+    }
+    uint32_t significant_bytes() const { return (plen + 7u) / 8u; }
+    // The prefix's 16 bytes, zero-padded.
+    void bytes(uint8_t out[kMaxPrefixBits / 8]) const;
 };
 
-// Builds the key of plen bits from (at most len) prefix bytes.
-PrefixKey make_prefix_key(const uint8_t *prefix, uint32_t len, uint16_t plen);
+// Builds the key of plen bits from (at most len) prefix bytes; false when
+// the prefix is longer than the kernel keeps.
+bool make_prefix_key(const uint8_t *prefix, uint32_t len, uint16_t plen, PrefixKey &key);
 
 struct TableKey {
     uint16_t tid;
@@ -54,7 +74,15 @@ struct Table {
     uint8_t lr_byte = 0;
     uint32_t id_ext = 0, attr = 0;
     uint16_t attr_ext = 0;
-    std::map<PrefixKey, Route> routes;
+    // Prefix order over slots of `slots`. A B-tree of small entries: a full
+    // Internet table is over a million routes, and a node-per-route tree
+    // spends its time in cache misses.
+    absl::btree_map<PrefixKey, uint32_t> routes;
+    std::vector<Route> slots;
+    std::vector<uint32_t> free_slots;
+
+    uint32_t store(Route &&r);
+    void drop(uint32_t slot);
     // Counters answered by route statistics.
     uint32_t adds = 0, deletes = 0, gets = 0, getnexts = 0, acked_adds = 0, refused = 0;
 };
@@ -89,8 +117,7 @@ private:
     Table *find_table(uint16_t tid, uint8_t af);
     void fill_route_answer(const PrefixKey &pk, const Route &r, rt_msg_t &answer);
     void fill_table_answer(const TableKey &tk, const Table &t, rtb_msg_t &answer);
-    uint8_t *answer_bytes(std::vector<uint8_t> &store, const std::string &bytes, uint32_t padded,
-                          uint32_t *len);
+    uint8_t *answer_prefix(std::vector<uint8_t> &store, const PrefixKey &key, uint32_t *len);
 
     std::map<TableKey, Table> tables_;
     std::map<std::tuple<uint16_t, uint8_t, PrefixKey>, MulticastGroup> mgroups_;
