@@ -7,6 +7,9 @@ install(TARGETS tarn EXPORT tarnTargets
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tarn
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
+# The record header is generated from the type descriptions.
+get_property(TARN_IDL_RECORDS_HEADER GLOBAL PROPERTY TARN_IDL_RECORDS_HEADER)
+install(FILES ${TARN_IDL_RECORDS_HEADER} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tarn)
 
 install(EXPORT tarnTargets
   NAMESPACE tarn::

@@ -36,6 +36,94 @@ static const char *ok_or(int rc)
     return rc == 0 ? "ok" : strerror(rc);
 }
 
+/* A route's prefix as a person writes it. */
+static const char *prefix_text(uint8_t af, const uint8_t *p, uint32_t len, uint16_t plen)
+{
+    static char text[64];
+    uint8_t b[16] = {0};
+    memcpy(b, p, len < sizeof b ? len : sizeof b);
+    int last = 7, i, n = 0;
+    if (af == TARN_AF_INET) {
+        snprintf(text, sizeof text, "%u.%u.%u.%u/%u", b[0], b[1], b[2], b[3], plen);
+        return text;
+    }
+    while (last > 0 && b[2 * last] == 0 && b[2 * last + 1] == 0) last--;
+    for (i = 0; i <= last; i++)
+        n += snprintf(text + n, sizeof text - (size_t)n, "%s%x", i ? ":" : "", b[2 * i] << 8 | b[2 * i + 1]);
+    snprintf(text + n, sizeof text - (size_t)n, "%s/%u", last < 7 ? "::" : "", plen);
+    return text;
+}
+
+/* Walks table 0 of a family with getnext and prints every route. */
+static void print_routes(rtslib_cookie *h, uint8_t af)
+{
+    rt_msg_t *rt = NULL;
+    if (rtslib_rtm_get_by_type(h, af, 0, RTS_OP_GETNEXT, &rt, NULL) != 0) return;
+    while (rt->hdr.origin == 0) {
+        rt_msg_t *next = NULL;
+        printf("    %-22s next hop %u, kernel index %u\n",
+               prefix_text(af, rt->prefix, rt->prefix_len, rt->plen), rt->nhidx, rt->ack_index);
+        if (rtslib_rtm_get_with_msg(h, rt, RTS_OP_GETNEXT, &next, NULL) != 0) break;
+        rtslib_msg_idl_release(h, rt);
+        rt = next;
+    }
+    rtslib_msg_idl_release(h, rt);
+}
+
+static void demo_routes(rtslib_cookie *h)
+{
+    static const uint8_t net10[4] = {10, 0, 0, 0};
+    static const uint8_t net192[4] = {192, 168, 1, 0};
+    static const uint8_t net172[4] = {172, 16, 0, 0};
+    static const uint8_t net6[16] = {0x20, 0x01, 0x0d, 0xb8};
+    uint32_t index = 0, stats[RTS_RTSTATS_COUNTERS];
+    uint32_t stats_prefix;
+    rt_msg_t *rt = NULL;
+    rtb_msg_t *table = NULL;
+    int rc;
+
+    printf("Routes in the default table:\n");
+    rc = rtslib_rtm_add(h, 0, TARN_AF_INET, 1, 0, 2, 0, 0, 0, 0, 100, 0, net10, 8, NULL, NULL);
+    printf("  add 10.0.0.0/8 via next hop 100:              %s\n", ok_or(rc));
+    rc = rtslib_rtm_add(h, 0, TARN_AF_INET, 1, 0, 2, 0, 0, 0, 0, 200, 0, net192, 24, NULL, &index);
+    printf("  add 192.168.1.0/24 via 200, acknowledged:     %s, kernel index %u\n", ok_or(rc), index);
+    rc = rtslib_rtm_add(h, 0, TARN_AF_INET, 1, 0, 2, 0, 0, 0, 0, 300, 0, net172, 12, NULL, NULL);
+    printf("  add 172.16.0.0/12 via 300:                    %s\n", ok_or(rc));
+    rc = rtslib_rtm_add(h, 0, TARN_AF_INET6, 1, 0, 2, 0, 0, 0, 0, 600, 0, net6, 32, NULL, NULL);
+    printf("  add 2001:db8::/32 via 600:                    %s\n", ok_or(rc));
+
+    rc = rtslib_rtm_get_by_prefix(h, TARN_AF_INET, net10, 8, RTS_OP_GET, &rt, NULL);
+    if (rc == 0 && rt->hdr.origin == 0)
+        printf("  exact lookup of 10.0.0.0/8:                   next hop %u\n", rt->nhidx);
+    rtslib_msg_idl_release(h, rt);
+    printf("  all IPv4 routes, in prefix order (getnext):\n");
+    print_routes(h, TARN_AF_INET);
+
+    rc = rtslib_rtm_delete_prefix(h, 0, TARN_AF_INET, 1, 0, net10, 8, 0);
+    printf("  delete 10.0.0.0/8:                            %s; now:\n", ok_or(rc));
+    print_routes(h, TARN_AF_INET);
+    printf("  all IPv6 routes:\n");
+    print_routes(h, TARN_AF_INET6);
+
+    printf("\nRoute tables:\n");
+    rc = rtslib_rtbm_add(h, "blue", 5, TARN_AF_INET, 0);
+    printf("  create table \"blue\" (index 5):              %s\n", ok_or(rc));
+    rc = rtslib_rtbm_get_by_name(h, TARN_AF_INET, "blue", &table, NULL);
+    if (rc == 0 && table->hdr.origin == 0)
+        printf("  look it up by name:                           index %u, logical router \"%s\"\n",
+               table->tid, (const char *)table->lr_name);
+    rtslib_msg_idl_release(h, table);
+
+    printf("\nRoute statistics of 192.168.1.0/24:\n");
+    memcpy(&stats_prefix, net192, 4);
+    rc = rtslib_rtstats_get(h, TARN_AF_INET, 0, 0, 0, 24, &stats_prefix, stats);
+    if (rc == 0)
+        printf("  routes %u, adds %u, deletes %u, exact lookups %u, getnexts %u, route index %u\n\n",
+               stats[0], stats[1], stats[2], stats[3], stats[4], stats[8]);
+    else
+        printf("  %s\n\n", ok_or(rc));
+}
+
 int main(void)
 {
     struct report_log log = {0, 0};
@@ -79,6 +167,8 @@ int main(void)
     printf("  sender id 7:          %s\n", ok_or(rc));
     rc = rtslib_set_lr_id(h, 3);
     printf("  logical-router id 3:  %s\n\n", ok_or(rc));
+
+    demo_routes(h);
 
     rtslib_close(h);
     printf("Handle closed.\n");

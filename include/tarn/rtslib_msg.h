@@ -2,10 +2,11 @@
  * libtarn - message input and output on a routing socket, message lists.
  *
  * Ownership: rtslib_long_msg_read hands out a buffer the caller frees with
- * rtslib_msg_free. A message list owns its entries (by kind, see
- * rtslib_msg_list_free); entries added with rtslib_msg_list_add become the
- * list's. Lists filled from a buffer point into it and, for raw messages, do
- * not own it.
+ * rtslib_msg_free. A message list owns its entries (see rtslib_msg_list_free):
+ * messages added with rtslib_msg_list_add become the list's; a list filled
+ * from raw messages points into the buffer and takes it (it must come from
+ * rtslib_size_alloc or rtslib_msg_malloc); a list filled from IDL envelopes
+ * owns the decoded records and leaves the buffer to the caller.
  *
  * Results: 0, an errno value (EINVAL for a null argument, ENOMEM, EIO for a
  * malformed message, EAGAIN when nothing waits), or RTSLIB_SEQ_MISMATCH (-2)
@@ -45,6 +46,26 @@ TARN_API int rtslib_msg_read(rtslib_cookie *handle, void *dest, uint32_t *len_ou
  * size (free with rtslib_msg_free). len_out may be NULL. On failure *msg_out
  * is NULL and *len_out 0. */
 TARN_API int rtslib_long_msg_read(rtslib_cookie *handle, void **msg_out, uint32_t *len_out);
+
+/* --- IDL-encoded messages ---------------------------------------------- */
+
+/* Encode record with rtslib_msg_idl_encode (TLV with map when map is not
+ * NULL, IDR otherwise), write it, free the encoding. */
+TARN_API int rtslib_msg_write_idl(rtslib_cookie *handle, const void *record, const void *map);
+
+/* Read the next message (rtslib_msg_read: at most RTS_MSG_MAX bytes) and
+ * decode it with rtslib_msg_idl_decode; *record_out is the caller's to release
+ * with rtslib_msg_idl_release. A sequence mismatch is returned without
+ * decoding. */
+TARN_API int rtslib_msg_read_idl(rtslib_cookie *handle, void **record_out, void **map_out);
+/* As rtslib_msg_read_idl, decoding into the caller's arena. */
+TARN_API int rtslib_msg_read_idl_pa(rtslib_cookie *handle, void **record_out, void **map_out,
+                                    void *arena_base, uint32_t arena_size);
+
+/* As above for a message of any length (rtslib_long_msg_read). */
+TARN_API int rtslib_long_msg_read_idl(rtslib_cookie *handle, void **record_out, void **map_out);
+TARN_API int rtslib_long_msg_read_idl_pa(rtslib_cookie *handle, void **record_out,
+                                         void **map_out, void *arena_base, uint32_t arena_size);
 
 /* --- Message lists ------------------------------------------------------ */
 

@@ -7,8 +7,12 @@
 #include <tarn/common.h>
 #include <tarn/rtsock_wire.h>
 #include <tarn/rtslib.h>
+#include <tarn/idl_codec.h>
+#include <tarn/idl_records.h>
+#include <tarn/idl.h>
 #include <tarn/rtslib_msg.h>
 #include <tarn/patricia.h>
 #include <tarn/itable.h>
+#include <tarn/rtslib_route.h>
 
 #endif /* TARN_TARN_H */

@@ -1,5 +1,7 @@
 #include "emu_client.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "libtarn/os/emu_protocol.h"
@@ -15,6 +17,24 @@ int inject(int fd, const std::vector<uint8_t> &bytes)
     uint32_t len = static_cast<uint32_t>(copy.size());
     return emu::control_call(emu::CtlOp::kInject, name.bytes, name.len, 0, 0, copy.data(), &len,
                              0);
+}
+
+std::string command(int fd, const std::string &text, int *err)
+{
+    emu::SocketName name{};
+    name.len = 0;
+    if (fd >= 0 && emu::socket_name(fd, name) != 0) {
+        if (err != nullptr) *err = errno;
+        return {};
+    }
+    constexpr uint32_t kCapacity = 1u << 20;
+    std::vector<uint8_t> buf(std::max<size_t>(kCapacity, text.size()));
+    std::memcpy(buf.data(), text.data(), text.size());
+    uint32_t len = static_cast<uint32_t>(text.size());
+    const int rc = emu::control_call(emu::CtlOp::kCommand, name.bytes, name.len, 0, 0, buf.data(),
+                                     &len, kCapacity);
+    if (err != nullptr) *err = rc == 0 ? 0 : errno;
+    return rc == 0 ? std::string(buf.begin(), buf.begin() + len) : std::string();
 }
 
 std::vector<uint8_t> raw_message(uint32_t total, uint32_t seq, uint8_t type, uint8_t op,

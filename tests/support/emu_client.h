@@ -3,6 +3,7 @@
 #define TARN_TESTS_EMU_CLIENT_H
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace tarn::test {
@@ -11,6 +12,11 @@ namespace tarn::test {
 // (TARN_KERNEL_SOCKET names the emulator). 0, or -1 with errno. When it
 // returns 0 the message is already queued on the socket.
 int inject(int fd, const std::vector<uint8_t> &bytes);
+
+// Runs an emulator command ("dump", "drop-replies N", "mgroup-add ...") about
+// routing socket `fd` (-1: none) and returns its output; `err` gets 0 or the
+// errno of a refusal.
+std::string command(int fd, const std::string &text, int *err = nullptr);
 
 // A raw routing-socket message: `total` bytes with the header's length word
 // set to `claimed` (default: total), sequence `seq`, type and operation.

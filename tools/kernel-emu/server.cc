@@ -180,6 +180,7 @@ int Server::control_request(const emu::CtlRequest &req, const uint8_t *value,
     const std::string name(req.name, req.name_len);
     const auto op = static_cast<emu::CtlOp>(req.op);
     if (op == emu::CtlOp::kSysctlSet) return kernel_.sysctl_set(name, value, req.value_len);
+    if (op == emu::CtlOp::kCommand && name.empty()) return run_command(nullptr, value, req.value_len, out);
 
     // Everything else names a routing socket. Its client connected it before
     // asking, so make sure that connection has been taken from the backlog.
@@ -204,6 +205,9 @@ int Server::control_request(const emu::CtlRequest &req, const uint8_t *value,
         log_.line("socket %llu: set %s %s -> %s", id, option_name(req.optname).c_str(),
                   describe_value(value, req.value_len).c_str(), err ? std::strerror(err) : "ok");
         break;
+    case emu::CtlOp::kCommand:
+        err = run_command(sock, value, req.value_len, out);
+        break;
     case emu::CtlOp::kInject:
         err = deliver(*sock, value, req.value_len);
         log_.line("socket %llu: injected %u bytes -> %s", id, req.value_len,
@@ -212,6 +216,17 @@ int Server::control_request(const emu::CtlRequest &req, const uint8_t *value,
     default:
         break;
     }
+    return err;
+}
+
+int Server::run_command(RouteSocket *sock, const uint8_t *text, uint32_t len,
+                        std::vector<uint8_t> &out)
+{
+    std::string result;
+    const std::string command(reinterpret_cast<const char *>(text), len);
+    const int err = kernel_.command(sock, command, result);
+    log_.line("command \"%s\" -> %s", command.c_str(), err ? std::strerror(err) : "ok");
+    out.assign(result.begin(), result.end());
     return err;
 }
 

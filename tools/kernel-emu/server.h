@@ -42,6 +42,8 @@ private:
     void accept_routing_sockets();
     void accept_control();
     void serve_control(int fd);
+    int run_command(RouteSocket *sock, const uint8_t *text, uint32_t len,
+                    std::vector<uint8_t> &out);
     int control_request(const emu::CtlRequest &req, const uint8_t *value,
                         std::vector<uint8_t> &out);
     bool read_routing(Connection &conn);

@@ -35,6 +35,8 @@ enum class CtlOp : uint32_t {
     kSysctlSet = 3,  // name: a sysctl name; the value is its new value
     kInject = 4,     // name: a routing socket; the value is sent on it as one message
                      // (test scripting: raw messages of any size or content)
+    kCommand = 5,    // name: a routing socket or empty; the value is a command line
+                     // ("dump", "drop-replies N", ...); the reply is its output
 };
 
 struct CtlRequest {

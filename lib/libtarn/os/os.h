@@ -33,6 +33,13 @@ int sysctl_by_name(const char *name, void *oldp, size_t *oldlenp, const void *ne
 // write(2) on a routing socket.
 ssize_t route_write(int fd, const void *buf, size_t len);
 
+// Waits until the answer to a request just written can be read. The target
+// kernel queues its answer before write() returns, so there this returns at
+// once; the emulator answers from another process, so the host waits for the
+// descriptor to become readable (TARN_KERNEL_REPLY_TIMEOUT_MS, default 5000).
+// A reply that never comes then reads as EAGAIN.
+void await_answer(int fd);
+
 // Closes a routing-socket descriptor.
 int route_socket_close(int fd);
 

@@ -1,6 +1,7 @@
 // Host backend: routing sockets are served by the kernel emulator (see
 // emu_protocol.h for how options travel).
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -218,6 +219,16 @@ int set_nonblocking(int fd)
     int flags = ::fcntl(fd, F_GETFL);
     if (flags < 0) return -1;
     return ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
+
+void await_answer(int fd)
+{
+    int timeout_ms = 5000;
+    if (const char *env = std::getenv("TARN_KERNEL_REPLY_TIMEOUT_MS"); env != nullptr)
+        timeout_ms = std::atoi(env);
+    pollfd p{fd, POLLIN, 0};
+    while (::poll(&p, 1, timeout_ms) < 0 && errno == EINTR) {
+    }
 }
 
 int route_socket_close(int fd)

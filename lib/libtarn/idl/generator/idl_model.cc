@@ -1,0 +1,297 @@
+#include "idl_model.h"
+
+#include <algorithm>
+#include <functional>
+#include <set>
+#include <sstream>
+
+namespace tarn::idlgen {
+namespace {
+
+std::vector<std::string> split_words(const std::string &line)
+{
+    std::string body = line.substr(0, line.find('#'));
+    std::istringstream in(body);
+    std::vector<std::string> words;
+    for (std::string w; in >> w;) words.push_back(w);
+    return words;
+}
+
+bool is_identifier(const std::string &s)
+{
+    if (s.empty() || !(std::isalpha(static_cast<unsigned char>(s[0])) || s[0] == '_')) return false;
+    return std::all_of(s.begin(), s.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '_';
+    });
+}
+
+std::optional<uint32_t> parse_number(const std::string &s)
+{
+    if (s.empty() || s.size() > 10) return std::nullopt;
+    if (!std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; }))
+        return std::nullopt;
+    uint64_t v = std::stoull(s);
+    if (v > UINT32_MAX) return std::nullopt;
+    return static_cast<uint32_t>(v);
+}
+
+std::optional<Kind> scalar_kind(const std::string &w)
+{
+    if (w == "u8") return Kind::U8;
+    if (w == "u16") return Kind::U16;
+    if (w == "u32") return Kind::U32;
+    if (w == "u64") return Kind::U64;
+    if (w == "bytes") return Kind::Bytes;
+    return std::nullopt;
+}
+
+}  // namespace
+
+const char *kind_name(Kind k)
+{
+    switch (k) {
+    case Kind::U8: return "u8";
+    case Kind::U16: return "u16";
+    case Kind::U32: return "u32";
+    case Kind::U64: return "u64";
+    case Kind::Bytes: return "bytes";
+    case Kind::Record: return "record";
+    case Kind::Array: return "array";
+    }
+    return "?";
+}
+
+const Type *Model::find(const std::string &name) const
+{
+    for (const Type &t : types)
+        if (t.name == name) return &t;
+    return nullptr;
+}
+
+void parse_description(const std::string &text, const std::string &family,
+                       const std::string &file, Model &model, std::vector<std::string> &errors)
+{
+    std::istringstream in(text);
+    std::string line;
+    int lineno = 0;
+    Type *open_type = nullptr;
+    Choice *open_choice = nullptr;
+    auto error = [&](const std::string &msg) {
+        errors.push_back(file + ":" + std::to_string(lineno) + ": " + msg);
+    };
+    while (std::getline(in, line)) {
+        ++lineno;
+        std::vector<std::string> w = split_words(line);
+        if (w.empty()) continue;
+        if (w[0] == "end") {
+            if (!open_type && !open_choice) error("'end' without 'type' or 'choice'");
+            open_type = nullptr;
+            open_choice = nullptr;
+            continue;
+        }
+        if (open_choice) {
+            auto disc = parse_number(w[0]);
+            if (w.size() != 2 || !disc || !is_identifier(w[1])) {
+                error("choice member must be '<discriminant> <type>'");
+                continue;
+            }
+            if (*disc >= open_choice->limit)
+                error("discriminant " + w[0] + " is not below the choice's limit");
+            else if (!open_choice->members.emplace(*disc, w[1]).second)
+                error("discriminant " + w[0] + " listed twice");
+            continue;
+        }
+        if (open_type) {
+            Field f;
+            f.line = lineno;
+            std::size_t tag_at;
+            if (auto k = scalar_kind(w[0])) {
+                f.kind = *k;
+                if (w.size() != 3) {
+                    error("field must be '<kind> <name> <tag>'");
+                    continue;
+                }
+                f.name = w[1];
+                tag_at = 2;
+            } else if (w[0] == "record" || w[0] == "array") {
+                f.kind = w[0] == "record" ? Kind::Record : Kind::Array;
+                if (w.size() != 4 || !is_identifier(w[1])) {
+                    error("field must be '" + w[0] + " <type> <name> <tag>'");
+                    continue;
+                }
+                f.type = w[1];
+                f.name = w[2];
+                tag_at = 3;
+            } else {
+                error("unknown field kind '" + w[0] + "'");
+                continue;
+            }
+            if (!is_identifier(f.name)) {
+                error("bad field name '" + f.name + "'");
+                continue;
+            }
+            auto tag = parse_number(w[tag_at]);
+            if (!tag) {
+                error("bad tag '" + w[tag_at] + "'");
+                continue;
+            }
+            f.tag = *tag;
+            open_type->fields.push_back(f);
+            continue;
+        }
+        if (w[0] == "type") {
+            if (w.size() < 2 || w.size() > 3 || !is_identifier(w[1])) {
+                error("expected 'type <name> [tlv-only|idr-only]'");
+                continue;
+            }
+            Type t;
+            t.name = w[1];
+            t.family = family;
+            t.line = lineno;
+            if (w.size() == 3) {
+                if (w[2] == "tlv-only") t.idr = false;
+                else if (w[2] == "idr-only") t.tlv = false;
+                else error("unknown encoding set '" + w[2] + "'");
+            }
+            model.types.push_back(t);
+            open_type = &model.types.back();
+            continue;
+        }
+        if (w[0] == "choice") {
+            auto limit = w.size() == 6 ? parse_number(w[5]) : std::nullopt;
+            if (w.size() != 6 || w[2] != "header" || w[4] != "limit" || !is_identifier(w[1]) ||
+                !is_identifier(w[3]) || !limit || *limit == 0) {
+                error("expected 'choice <name> header <type> limit <count>'");
+                continue;
+            }
+            Choice c;
+            c.name = w[1];
+            c.family = family;
+            c.header = w[3];
+            c.limit = *limit;
+            model.choices.push_back(c);
+            open_choice = &model.choices.back();
+            continue;
+        }
+        error("unexpected '" + w[0] + "'");
+    }
+    if (open_type || open_choice) error("missing 'end'");
+}
+
+void check_model(const Model &model, std::vector<std::string> &errors)
+{
+    std::set<std::string> names;
+    for (const Type &t : model.types) {
+        auto where = t.family + ": type " + t.name + ": ";
+        if (!names.insert(t.name).second) errors.push_back(where + "defined twice");
+        if (t.fields.empty()) errors.push_back(where + "has no fields");
+        if (t.fields.size() > kMaxFields)
+            errors.push_back(where + "has " + std::to_string(t.fields.size()) +
+                             " fields; a record has at most 32 (one presence word)");
+        std::set<uint32_t> tags;
+        std::set<std::string> fnames;
+        for (const Field &f : t.fields) {
+            if (!tags.insert(f.tag).second)
+                errors.push_back(where + "tag " + std::to_string(f.tag) + " used twice");
+            if (!fnames.insert(f.name).second)
+                errors.push_back(where + "field " + f.name + " defined twice");
+            if (f.kind == Kind::Record || f.kind == Kind::Array) {
+                const Type *sub = model.find(f.type);
+                if (!sub) {
+                    errors.push_back(where + "field " + f.name + ": unknown type " + f.type);
+                    continue;
+                }
+                if ((t.tlv && !sub->tlv) || (t.idr && !sub->idr))
+                    errors.push_back(where + "field " + f.name + ": " + f.type +
+                                     " lacks an encoding that " + t.name + " has");
+            }
+        }
+    }
+    for (const Choice &c : model.choices) {
+        if (names.count(c.name)) errors.push_back("choice " + c.name + " clashes with a type");
+        for (const auto &[disc, member] : c.members) {
+            const Type *m = model.find(member);
+            if (!m) {
+                errors.push_back("choice " + c.name + ": unknown member " + member);
+                continue;
+            }
+            if (m->fields.empty() || m->fields[0].kind != Kind::Record ||
+                m->fields[0].type != c.header)
+                errors.push_back("choice " + c.name + ": member " + member +
+                                 " does not begin with a " + c.header + " record");
+            if (!m->tlv || !m->idr)
+                errors.push_back("choice " + c.name + ": member " + member +
+                                 " needs both encodings");
+        }
+    }
+    // Records nest by value, so a cycle through record fields is impossible to
+    // lay out; arrays hold pointers and may recurse.
+    std::map<std::string, int> state;
+    std::function<void(const Type &)> visit = [&](const Type &t) {
+        state[t.name] = 1;
+        for (const Field &f : t.fields) {
+            if (f.kind != Kind::Record) continue;
+            const Type *sub = model.find(f.type);
+            if (!sub) continue;
+            if (state[sub->name] == 1)
+                errors.push_back("type " + t.name + ": record " + sub->name + " nests itself");
+            else if (state[sub->name] == 0)
+                visit(*sub);
+        }
+        state[t.name] = 2;
+    };
+    for (const Type &t : model.types)
+        if (state[t.name] == 0) visit(t);
+}
+
+Layout target_layout(const Model &model, const Type &type)
+{
+    Layout l;
+    uint32_t off = 0;
+    uint32_t map_off = 4;  // the presence word
+    for (const Field &f : type.fields) {
+        uint32_t size = 0, align = 1;
+        switch (f.kind) {
+        case Kind::U8: size = align = 1; break;
+        case Kind::U16: size = align = 2; break;
+        case Kind::U32: size = align = 4; break;
+        case Kind::U64: size = 8, align = 4; break;
+        case Kind::Bytes:
+        case Kind::Array:
+            size = 8, align = 4;
+            if (f.kind == Kind::Array) map_off += 4;
+            break;
+        case Kind::Record: {
+            Layout sub = target_layout(model, *model.find(f.type));
+            size = sub.size, align = sub.align;
+            map_off += sub.map_size;
+            break;
+        }
+        }
+        off = (off + align - 1) / align * align;
+        l.offsets.push_back(off);
+        off += size;
+        l.align = std::max(l.align, align);
+    }
+    l.size = (off + l.align - 1) / l.align * l.align;
+    l.map_size = map_off;
+    return l;
+}
+
+std::vector<const Type *> dependency_order(const Model &model)
+{
+    std::vector<const Type *> out;
+    std::set<std::string> done;
+    std::function<void(const Type &)> visit = [&](const Type &t) {
+        if (done.count(t.name)) return;
+        done.insert(t.name);
+        for (const Field &f : t.fields)
+            if (f.kind == Kind::Record)
+                if (const Type *sub = model.find(f.type)) visit(*sub);
+        out.push_back(&t);
+    };
+    for (const Type &t : model.types) visit(t);
+    return out;
+}
+
+}  // namespace tarn::idlgen

@@ -1,0 +1,93 @@
+// tarn-idlgen: turns the type descriptions into the record header, one codec
+// translation unit per family and the test metadata.
+//
+//   tarn-idlgen --header H --out-dir D [--meta M] [--sizes] FAMILY.idl...
+//
+// D receives <family>_codec.cc for every description. Files are rewritten only
+// when their content changes, so an unchanged family is not recompiled.
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "idl_emit.h"
+#include "idl_model.h"
+
+namespace fs = std::filesystem;
+using namespace tarn::idlgen;
+
+namespace {
+
+bool write_if_changed(const fs::path &path, const std::string &text)
+{
+    std::ifstream old(path, std::ios::binary);
+    if (old) {
+        std::ostringstream cur;
+        cur << old.rdbuf();
+        if (cur.str() == text) return true;
+    }
+    fs::create_directories(path.parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    return static_cast<bool>(out);
+}
+
+int usage()
+{
+    std::cerr << "usage: tarn-idlgen --header H --out-dir D [--meta M] [--sizes] FAMILY.idl...\n";
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    fs::path header, out_dir, meta;
+    bool sizes = false;
+    std::vector<fs::path> inputs;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if ((a == "--header" || a == "--out-dir" || a == "--meta") && i + 1 < argc) {
+            fs::path v = argv[++i];
+            (a == "--header" ? header : a == "--out-dir" ? out_dir : meta) = v;
+        } else if (a == "--sizes") {
+            sizes = true;
+        } else if (!a.empty() && a[0] == '-') {
+            return usage();
+        } else {
+            inputs.push_back(a);
+        }
+    }
+    if (inputs.empty() || (!sizes && (header.empty() || out_dir.empty()))) return usage();
+
+    Model model;
+    std::vector<std::string> errors;
+    for (const fs::path &in : inputs) {
+        std::ifstream f(in, std::ios::binary);
+        if (!f) {
+            std::cerr << in.string() << ": cannot read\n";
+            return 1;
+        }
+        std::ostringstream text;
+        text << f.rdbuf();
+        model.families.push_back(in.stem().string());
+        parse_description(text.str(), in.stem().string(), in.string(), model, errors);
+    }
+    if (errors.empty()) check_model(model, errors);
+    for (const std::string &e : errors) std::cerr << e << "\n";
+    if (!errors.empty()) return 1;
+
+    if (sizes) {
+        std::cout << emit_size_report(model);
+        if (header.empty()) return 0;
+    }
+    bool ok = write_if_changed(header, emit_header(model));
+    for (const std::string &fam : model.families)
+        ok = write_if_changed(out_dir / (fam + "_codec.cc"), emit_family(model, fam)) && ok;
+    if (!meta.empty()) ok = write_if_changed(meta, emit_test_meta(model)) && ok;
+    if (!ok) {
+        std::cerr << "tarn-idlgen: cannot write the output\n";
+        return 1;
+    }
+    return 0;
+}

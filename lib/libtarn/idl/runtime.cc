@@ -1,0 +1,112 @@
+#include "libtarn/idl/runtime.h"
+
+namespace tarn::idl {
+
+// An item is whole when its header and value lie inside the input.
+bool TlvDecoder::read_item(uint64_t at)
+{
+    if (len_ < at + 8) return false;
+    uint32_t vlen = static_cast<uint32_t>(load_le(in_ + at + 4, 4));
+    if (at + 8 + vlen > len_) return false;
+    pos_ = at;
+    tag_ = static_cast<uint32_t>(load_le(in_ + at, 4));
+    vlen_ = vlen;
+    end_ = at + 8 + vlen;
+    next_ = round4(end_);
+    have_item_ = true;
+    return true;
+}
+
+bool TlvDecoder::next()
+{
+    if (err_) return false;
+    uint64_t at = 0;
+    if (have_item_) {
+        // The last item's padding may be missing: what was read is consumed.
+        if (next_ > len_) {
+            result_ = end_;
+            return false;
+        }
+        at = next_;
+    }
+    if (!read_item(at)) {
+        result_ = at;
+        return false;
+    }
+    return true;
+}
+
+// The current item and every directly following item of the same tag whose
+// header lies in the input.
+uint32_t TlvDecoder::run_length() const
+{
+    uint32_t n = 1;
+    uint64_t at = next_;
+    while (at + 8 <= len_ && load_le(in_ + at, 4) == tag_) {
+        ++n;
+        at = round4(at + 8 + load_le(in_ + at + 4, 4));
+    }
+    return n;
+}
+
+bool TlvDecoder::next_in_run()
+{
+    uint32_t tag = tag_;
+    return next_ <= len_ && read_item(next_) && tag_ == tag;
+}
+
+void *TlvDecoder::obtain(uint64_t size)
+{
+    void *p = nullptr;
+    if (alloc_ && size <= UINT32_MAX) p = alloc_(static_cast<uint32_t>(size), alloc_ctx_);
+    if (!p) {
+        fail(TARN_IDL_E_ALLOC);
+        return nullptr;
+    }
+    std::memset(p, 0, size);
+    return p;
+}
+
+// A repeated string without a map is an error (scalars take the last value).
+void TlvDecoder::bytes(unsigned bit, uint8_t **ptr, uint32_t *len)
+{
+    if (taken(bit)) return;
+    if (*ptr) return fail(TARN_IDL_E_GARBLED);
+    *len = vlen_;
+    if (vlen_) {
+        if (!alloc_) return fail(TARN_IDL_E_ALLOC);
+        void *p = alloc_(vlen_, alloc_ctx_);
+        if (!p) return fail(TARN_IDL_E_ALLOC);
+        std::memcpy(p, in_ + pos_ + 8, vlen_);
+        *ptr = static_cast<uint8_t *>(p);
+    }
+    mark(bit);
+}
+
+void *IdrDecoder::obtain(uint64_t size)
+{
+    void *p = nullptr;
+    if (alloc_ && size <= UINT32_MAX) p = alloc_(static_cast<uint32_t>(size), alloc_ctx_);
+    if (!p) {
+        fail(TARN_IDL_E_ALLOC);
+        return nullptr;
+    }
+    std::memset(p, 0, size);
+    return p;
+}
+
+void IdrDecoder::bytes(uint8_t **ptr, uint32_t len)
+{
+    if (err_ || len == 0) return;
+    if (!alloc_) return fail(TARN_IDL_E_ALLOC);
+    void *p = alloc_(len, alloc_ctx_);
+    if (!p) return fail(TARN_IDL_E_ALLOC);
+    *ptr = static_cast<uint8_t *>(p);
+    uint64_t padded = round4(uint64_t{len});
+    if (len_ - pos_ < len) return fail(TARN_IDL_E_GARBLED);
+    std::memcpy(p, in_ + pos_, len);
+    if (len_ - pos_ < padded) return fail(TARN_IDL_E_GARBLED);
+    pos_ += padded;
+}
+
+}  // namespace tarn::idl

@@ -1,0 +1,508 @@
+// The codec runtime: every wire rule of the two encodings lives here once.
+//
+// Generated functions (lib/libtarn/idl/generated/, in the build tree) are
+// straight-line sequences of calls into these helpers, one per field:
+//   TLV encode   TlvEncoder e(out, len, bits);  e.u8(bit, tag, v) ... return e.size();
+//   TLV decode   TlvDecoder d(in, len, bits, alloc, ctx);
+//                while (d.next()) switch (d.tag()) { case T: d.u8(bit, &r->f); ... }
+//                return d.result();
+//   IDR encode   IdrEncoder e(out, len); e.u8(v) ... e.end_fixed(); e.bytes(...) ...
+//   IDR decode   IdrDecoder d(...); d.u8(&r->f) ... d.end_fixed(); d.bytes(...) ...
+//   release      release_bytes / release_array / the nested release.
+// Names: tlv_encode_<type>_0 and its siblings, tlv_rtti_sizeof_<type>_0,
+// tlv_rtti_sizeof_map_<type>_0, idr_rtti_sizeof_<type>_0; record <type>_t,
+// presence map <type>_map_t, bit numbers <TYPE>_BIT_<FIELD>.
+//
+// Wire integers are little-endian whatever the host; every length taken from
+// input is checked against what remains, in 64-bit arithmetic.
+#ifndef TARN_LIBTARN_IDL_RUNTIME_H
+#define TARN_LIBTARN_IDL_RUNTIME_H
+
+#include <cstdint>
+#include <cstring>
+
+#include <tarn/idl_codec.h>
+
+namespace tarn::idl {
+
+inline constexpr int kRuntimeVersion = TARN_IDL_RUNTIME_VERSION;
+
+inline void store_le(uint8_t *p, uint64_t v, uint32_t width)
+{
+    for (uint32_t i = 0; i < width; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+inline uint64_t load_le(const uint8_t *p, uint32_t width)
+{
+    uint64_t v = 0;
+    for (uint32_t i = 0; i < width; ++i) v |= static_cast<uint64_t>(p[i]) << (8 * i);
+    return v;
+}
+
+inline uint64_t round4(uint64_t n) { return (n + 3) & ~uint64_t{3}; }
+
+template <class R, class M>
+using TlvEncodeFn = uint32_t (*)(const R *, const M *, void *, uint32_t);
+template <class R, class M>
+using TlvDecodeFn = int32_t (*)(R *, M *, const void *, uint32_t, tarn_idl_alloc_fn, void *);
+template <class R, class M>
+using TlvReleaseFn = void (*)(R *, M *, tarn_idl_free_fn, void *);
+template <class R>
+using IdrEncodeFn = uint32_t (*)(const R *, void *, uint32_t);
+template <class R>
+using IdrDecodeFn = int32_t (*)(R *, const void *, uint32_t, tarn_idl_alloc_fn, void *);
+
+// --- TLV ---------------------------------------------------------------
+
+// Items are written only when they fit whole; the size counts everything.
+class TlvEncoder {
+public:
+    TlvEncoder(void *out, uint32_t out_len, const uint32_t *bits)
+        : out_(static_cast<uint8_t *>(out)), cap_(out ? out_len : 0), bits_(bits) {}
+
+    void u8(unsigned bit, uint32_t tag, uint8_t v) { scalar(bit, tag, v, 1); }
+    void u16(unsigned bit, uint32_t tag, uint16_t v) { scalar(bit, tag, v, 2); }
+    void u32(unsigned bit, uint32_t tag, uint32_t v) { scalar(bit, tag, v, 4); }
+    void u64(unsigned bit, uint32_t tag, uint64_t v) { scalar(bit, tag, v, 8); }
+
+    // A null pointer encodes as an empty string whatever the count says.
+    void bytes(unsigned bit, uint32_t tag, const uint8_t *p, uint32_t n)
+    {
+        if (!present(bit)) return;
+        if (p == nullptr) n = 0;
+        uint64_t at = size_;
+        size_ += 8 + uint64_t{n};
+        if (size_ <= cap_) {
+            header(at, tag, n);
+            if (n) std::memcpy(out_ + at + 8, p, n);
+        }
+        pad();
+    }
+
+    template <class R, class M>
+    void record(unsigned bit, uint32_t tag, const R &rec, const M *map, TlvEncodeFn<R, M> enc)
+    {
+        if (present(bit)) nested(tag, rec, map, enc);
+    }
+
+    // One item per non-null element, each with the element map of its index.
+    template <class R, class M>
+    void array(unsigned bit, uint32_t tag, R *const *elems, uint32_t count, const M *maps,
+               TlvEncodeFn<R, M> enc)
+    {
+        if (!present(bit) || elems == nullptr) return;
+        for (uint32_t i = 0; i < count; ++i)
+            if (elems[i]) nested(tag, *elems[i], maps ? &maps[i] : nullptr, enc);
+    }
+
+    uint32_t size() const { return static_cast<uint32_t>(size_); }
+
+private:
+    bool present(unsigned bit) const { return bits_ == nullptr || ((*bits_ >> bit) & 1u); }
+
+    void header(uint64_t at, uint32_t tag, uint32_t len)
+    {
+        store_le(out_ + at, tag, 4);
+        store_le(out_ + at + 4, len, 4);
+    }
+
+    void pad()
+    {
+        uint64_t at = size_;
+        size_ = round4(size_);
+        if (size_ > at && size_ <= cap_) std::memset(out_ + at, 0, size_ - at);
+    }
+
+    void scalar(unsigned bit, uint32_t tag, uint64_t v, uint32_t width)
+    {
+        if (!present(bit)) return;
+        uint64_t at = size_;
+        size_ += 8 + width;
+        if (size_ <= cap_) {
+            header(at, tag, width);
+            store_le(out_ + at + 8, v, width);
+        }
+        pad();
+    }
+
+    template <class R, class M>
+    void nested(uint32_t tag, const R &rec, const M *map, TlvEncodeFn<R, M> enc)
+    {
+        uint64_t at = size_;
+        bool room = at + 8 <= cap_;
+        uint32_t len = enc(&rec, map, room ? out_ + at + 8 : nullptr,
+                           room ? static_cast<uint32_t>(cap_ - at - 8) : 0);
+        size_ += 8 + uint64_t{len};
+        if (room) header(at, tag, len);
+        pad();
+    }
+
+    uint8_t *out_;
+    uint64_t cap_;
+    uint64_t size_ = 0;
+    const uint32_t *bits_;
+};
+
+class TlvDecoder {
+public:
+    TlvDecoder(const void *in, uint32_t in_len, uint32_t *bits, tarn_idl_alloc_fn alloc,
+               void *alloc_ctx)
+        : in_(static_cast<const uint8_t *>(in)), len_(in ? in_len : 0), bits_(bits),
+          alloc_(alloc), alloc_ctx_(alloc_ctx) {}
+
+    // Moves to the next whole item; false at the end of the input, at the first
+    // item that does not fit, or after a failure.
+    bool next();
+    uint32_t tag() const { return tag_; }
+    // Bytes consumed, or the failure code.
+    int32_t result() const { return err_ ? err_ : static_cast<int32_t>(result_); }
+
+    void u8(unsigned bit, uint8_t *dst) { scalar(bit, dst, 1); }
+    void u16(unsigned bit, uint16_t *dst) { scalar(bit, dst, 2); }
+    void u32(unsigned bit, uint32_t *dst) { scalar(bit, dst, 4); }
+    void u64(unsigned bit, uint64_t *dst) { scalar(bit, dst, 8); }
+    void bytes(unsigned bit, uint8_t **ptr, uint32_t *len);
+
+    // rel_probe: the nested release, run with a probe to learn whether an
+    // earlier item left blocks in the field.
+    template <class R, class M>
+    void record(unsigned bit, R *dst, M *map, TlvDecodeFn<R, M> dec, TlvReleaseFn<R, M> rel)
+    {
+        if (taken(bit)) return;
+        bool held = false;
+        rel(dst, map, &probe_free, &held);
+        if (held) return fail(TARN_IDL_E_GARBLED);
+        if (!take_nested(dst, map, dec)) return;
+        mark(bit);
+    }
+
+    template <class R, class M>
+    void array(unsigned bit, R ***elems, uint32_t *count, M **maps, TlvDecodeFn<R, M> dec)
+    {
+        if (taken(bit)) return;
+        if (*elems) return fail(TARN_IDL_E_GARBLED);
+        uint32_t n = run_length();
+        auto *arr = static_cast<R **>(obtain(uint64_t{n} * sizeof(R *)));
+        if (!arr) return;
+        *elems = arr;
+        *count = n;
+        M *marr = nullptr;
+        if (maps) {
+            if (*maps == nullptr) *maps = static_cast<M *>(obtain(uint64_t{n} * sizeof(M)));
+            if (!*maps) return;
+            marr = *maps;
+        }
+        for (uint32_t i = 0; i < n; ++i) {
+            if (i > 0 && !next_in_run()) return fail(TARN_IDL_E_GARBLED);
+            auto *e = static_cast<R *>(obtain(sizeof(R)));
+            if (!e) return;
+            arr[i] = e;
+            if (!take_nested(e, marr ? &marr[i] : nullptr, dec)) return;
+        }
+        mark(bit);
+    }
+
+private:
+    static void probe_free(void *, void *held) { *static_cast<bool *>(held) = true; }
+
+    bool taken(unsigned bit) const { return bits_ && ((*bits_ >> bit) & 1u); }
+    void mark(unsigned bit)
+    {
+        if (bits_) *bits_ |= 1u << bit;
+    }
+    void fail(int32_t code) { err_ = code; }
+    bool read_item(uint64_t at);
+    uint32_t run_length() const;
+    bool next_in_run();
+    void *obtain(uint64_t size);  // zeroed; records -2 on failure
+
+    template <class R, class M>
+    bool take_nested(R *dst, M *map, TlvDecodeFn<R, M> dec)
+    {
+        int32_t r = dec(dst, map, in_ + pos_ + 8, vlen_, alloc_, alloc_ctx_);
+        if (r < 0) {
+            fail(r);
+            return false;
+        }
+        if (static_cast<uint32_t>(r) != vlen_) {
+            fail(TARN_IDL_E_GARBLED);
+            return false;
+        }
+        return true;
+    }
+
+    template <class T>
+    void scalar(unsigned bit, T *dst, uint32_t width)
+    {
+        if (taken(bit)) return;
+        if (vlen_ < width) return fail(TARN_IDL_E_GARBLED);
+        *dst = static_cast<T>(load_le(in_ + pos_ + 8, width));
+        mark(bit);
+    }
+
+    const uint8_t *in_;
+    uint64_t len_;
+    uint32_t *bits_;
+    tarn_idl_alloc_fn alloc_;
+    void *alloc_ctx_;
+    bool have_item_ = false;
+    uint64_t pos_ = 0;      // start of the current item
+    uint64_t end_ = 0;      // end of its value
+    uint64_t next_ = 0;     // end rounded up to 4
+    uint32_t tag_ = 0, vlen_ = 0;
+    uint64_t result_ = 0;
+    int32_t err_ = 0;
+};
+
+// Releases leave the record's fields as they were: the decoder's duplicate
+// check runs a release with a probe in place of free and must not lose what
+// it probes.
+inline void release_bytes(uint8_t *const *ptr, tarn_idl_free_fn free_fn, void *ctx)
+{
+    if (*ptr && free_fn) free_fn(*ptr, ctx);
+}
+
+// Element releases take the element map of the same index; then each element,
+// the element array and the element-map array go back to free_fn.
+template <class R, class M>
+void release_array(R **elems, uint32_t count, M *maps, TlvReleaseFn<R, M> rel,
+                   tarn_idl_free_fn free_fn, void *ctx)
+{
+    if (elems) {
+        for (uint32_t i = 0; i < count; ++i) {
+            if (!elems[i]) continue;
+            rel(elems[i], maps ? &maps[i] : nullptr, free_fn, ctx);
+            if (free_fn) free_fn(elems[i], ctx);
+        }
+        if (free_fn) free_fn(elems, ctx);
+    }
+    if (maps && free_fn) free_fn(maps, ctx);
+}
+
+// IDR release has no maps; the element releases take (record, free, ctx).
+template <class R>
+void release_array_idr(R **elems, uint32_t count, void (*rel)(R *, tarn_idl_free_fn, void *),
+                       tarn_idl_free_fn free_fn, void *ctx)
+{
+    if (!elems) return;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (!elems[i]) continue;
+        rel(elems[i], free_fn, ctx);
+        if (free_fn) free_fn(elems[i], ctx);
+    }
+    if (free_fn) free_fn(elems, ctx);
+}
+
+// --- IDR ---------------------------------------------------------------
+//
+// The fixed fields in declaration order at their i386 alignment (64-bit
+// scalars at 4), nested records in place (starting at a multiple of 4), a
+// byte string or array as its 32-bit count in the pointer's place; zeros up
+// to a multiple of 4; then the variable parts in field order: string bytes
+// padded to 4, array elements one after another.
+
+template <class R>
+uint32_t live_count(R *const *elems, uint32_t count)
+{
+    uint32_t n = 0;
+    if (elems)
+        for (uint32_t i = 0; i < count; ++i) n += elems[i] != nullptr;
+    return n;
+}
+
+class IdrEncoder {
+public:
+    IdrEncoder(void *out, uint32_t out_len)
+        : out_(static_cast<uint8_t *>(out)), cap_(out ? out_len : 0) {}
+
+    void u8(uint8_t v) { scalar(v, 1, 1); }
+    void u16(uint16_t v) { scalar(v, 2, 2); }
+    void u32(uint32_t v) { scalar(v, 4, 4); }
+    void u64(uint64_t v) { scalar(v, 8, 4); }
+    void count(uint32_t n) { scalar(n, 4, 4); }
+
+    template <class R>
+    void record(const R &rec, IdrEncodeFn<R> enc)
+    {
+        align(4);
+        bool room = size_ <= cap_;
+        size_ += enc(&rec, room ? out_ + size_ : nullptr,
+                     room ? static_cast<uint32_t>(cap_ - size_) : 0);
+    }
+
+    void end_fixed() { align(4); }
+
+    void bytes(const uint8_t *p, uint32_t n)
+    {
+        if (p == nullptr) n = 0;
+        uint64_t at = size_;
+        size_ += n;
+        if (n && size_ <= cap_) std::memcpy(out_ + at, p, n);
+        align(4);
+    }
+
+    template <class R>
+    void array(R *const *elems, uint32_t count, IdrEncodeFn<R> enc)
+    {
+        if (!elems) return;
+        for (uint32_t i = 0; i < count; ++i)
+            if (elems[i]) record(*elems[i], enc);
+    }
+
+    uint32_t size() const { return static_cast<uint32_t>(size_); }
+
+private:
+    void align(uint32_t a)
+    {
+        uint64_t at = size_;
+        size_ = (size_ + a - 1) / a * a;
+        if (size_ > at && size_ <= cap_) std::memset(out_ + at, 0, size_ - at);
+    }
+
+    void scalar(uint64_t v, uint32_t width, uint32_t alignment)
+    {
+        align(alignment);
+        uint64_t at = size_;
+        size_ += width;
+        if (size_ <= cap_) store_le(out_ + at, v, width);
+    }
+
+    uint8_t *out_;
+    uint64_t cap_;
+    uint64_t size_ = 0;
+};
+
+class IdrDecoder {
+public:
+    IdrDecoder(const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *alloc_ctx)
+        : in_(static_cast<const uint8_t *>(in)), len_(in ? in_len : 0), alloc_(alloc),
+          alloc_ctx_(alloc_ctx) {}
+
+    void u8(uint8_t *dst) { scalar(dst, 1, 1); }
+    void u16(uint16_t *dst) { scalar(dst, 2, 2); }
+    void u32(uint32_t *dst) { scalar(dst, 4, 4); }
+    void u64(uint64_t *dst) { scalar(dst, 8, 4); }
+    void count(uint32_t *dst) { scalar(dst, 4, 4); }
+
+    template <class R>
+    void record(R *dst, IdrDecodeFn<R> dec)
+    {
+        if (err_) return;
+        if (!align(4)) return;
+        int32_t r = dec(dst, in_ + pos_, static_cast<uint32_t>(len_ - pos_), alloc_, alloc_ctx_);
+        if (r < 0) return fail(r);
+        pos_ += static_cast<uint32_t>(r);
+    }
+
+    void end_fixed() { align(4); }
+
+    // The block is obtained and stored before the input is checked, so that a
+    // short buffer fails with the block held by the record.
+    void bytes(uint8_t **ptr, uint32_t len);
+
+    template <class R>
+    void array(R ***elems, uint32_t count, IdrDecodeFn<R> dec)
+    {
+        if (err_ || count == 0) return;
+        // Every element takes at least 4 bytes.
+        if (uint64_t{count} > (len_ - pos_) / 4) return fail(TARN_IDL_E_GARBLED);
+        auto *arr = static_cast<R **>(obtain(uint64_t{count} * sizeof(R *)));
+        if (!arr) return;
+        *elems = arr;
+        for (uint32_t i = 0; i < count && !err_; ++i) {
+            auto *e = static_cast<R *>(obtain(sizeof(R)));
+            if (!e) return;
+            arr[i] = e;
+            record(e, dec);
+        }
+    }
+
+    int32_t result() const { return err_ ? err_ : static_cast<int32_t>(pos_); }
+
+private:
+    void fail(int32_t code) { err_ = code; }
+    bool align(uint32_t a)
+    {
+        if (err_) return false;
+        uint64_t to = (pos_ + a - 1) / a * a;
+        if (to > len_) {
+            fail(TARN_IDL_E_GARBLED);
+            return false;
+        }
+        pos_ = to;
+        return true;
+    }
+    void *obtain(uint64_t size);
+
+    template <class T>
+    void scalar(T *dst, uint32_t width, uint32_t alignment)
+    {
+        if (!align(alignment)) return;
+        if (len_ - pos_ < width) return fail(TARN_IDL_E_GARBLED);
+        *dst = static_cast<T>(load_le(in_ + pos_, width));
+        pos_ += width;
+    }
+
+    const uint8_t *in_;
+    uint64_t len_;
+    tarn_idl_alloc_fn alloc_;
+    void *alloc_ctx_;
+    uint64_t pos_ = 0;
+    int32_t err_ = 0;
+};
+
+// --- Choices -----------------------------------------------------------
+
+// One member of a choice, with its functions taking untyped records so that
+// the envelope can dispatch on the discriminant.
+struct ChoiceMember {
+    uint32_t record_size;
+    uint32_t map_size;
+    uint32_t (*tlv_encode)(const void *rec, const void *map, void *out, uint32_t out_len);
+    int32_t (*tlv_decode)(void *rec, void *map, const void *in, uint32_t in_len,
+                          tarn_idl_alloc_fn alloc, void *ctx);
+    void (*tlv_release)(void *rec, void *map, tarn_idl_free_fn free_fn, void *ctx);
+    uint32_t (*idr_encode)(const void *rec, void *out, uint32_t out_len);
+    int32_t (*idr_decode)(void *rec, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc,
+                          void *ctx);
+    void (*idr_release)(void *rec, tarn_idl_free_fn free_fn, void *ctx);
+};
+
+struct ChoiceTable {
+    uint32_t limit;                       // discriminants below this are valid
+    const ChoiceMember *const *members;   // limit entries; null: no member
+};
+
+template <class R>
+using IdrReleaseFn = void (*)(R *, tarn_idl_free_fn, void *);
+
+// The entry of one member type, with typed calls behind untyped entry points.
+template <class R, class M, TlvEncodeFn<R, M> TE, TlvDecodeFn<R, M> TD, TlvReleaseFn<R, M> TR,
+          IdrEncodeFn<R> IE, IdrDecodeFn<R> ID, IdrReleaseFn<R> IR>
+inline constexpr ChoiceMember choice_member = {
+    sizeof(R),
+    sizeof(M),
+    [](const void *r, const void *m, void *o, uint32_t l) -> uint32_t {
+        return TE(static_cast<const R *>(r), static_cast<const M *>(m), o, l);
+    },
+    [](void *r, void *m, const void *i, uint32_t l, tarn_idl_alloc_fn a, void *c) -> int32_t {
+        return TD(static_cast<R *>(r), static_cast<M *>(m), i, l, a, c);
+    },
+    [](void *r, void *m, tarn_idl_free_fn f, void *c) {
+        TR(static_cast<R *>(r), static_cast<M *>(m), f, c);
+    },
+    [](const void *r, void *o, uint32_t l) -> uint32_t {
+        return IE(static_cast<const R *>(r), o, l);
+    },
+    [](void *r, const void *i, uint32_t l, tarn_idl_alloc_fn a, void *c) -> int32_t {
+        return ID(static_cast<R *>(r), i, l, a, c);
+    },
+    [](void *r, tarn_idl_free_fn f, void *c) { IR(static_cast<R *>(r), f, c); },
+};
+
+// The envelope's table, generated from its description.
+extern const ChoiceTable rts_msg_choice;
+
+}  // namespace tarn::idl
+
+#endif  // TARN_LIBTARN_IDL_RUNTIME_H

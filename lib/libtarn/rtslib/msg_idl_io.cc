@@ -1,0 +1,82 @@
+// Message I/O of IDL-encoded records: the envelope on top of the raw reads
+// and writes.
+#include <cerrno>
+
+#include <tarn/idl.h>
+#include <tarn/rtslib_msg.h>
+
+namespace {
+
+using BoundedRead = int (*)(rtslib_cookie *, void **, uint32_t *);
+
+int read_bounded(rtslib_cookie *h, void **msg, uint32_t *len)
+{
+    *msg = rtslib_msg_malloc(h);
+    if (*msg == nullptr) return ENOMEM;
+    return rtslib_msg_read(h, *msg, len);
+}
+
+// Reads one message with `read` and decodes it, into the caller's arena when
+// arena_base is given. `negative_is_einval` chooses how a negative decoder
+// result is returned: the long read without arena hands it on unchanged.
+int read_and_decode(rtslib_cookie *h, BoundedRead read, void **record_out, void **map_out,
+                    void *arena_base, uint32_t arena_size, bool negative_is_einval)
+{
+    if (record_out != nullptr) *record_out = nullptr;
+    if (h == nullptr || record_out == nullptr) return EINVAL;
+    void *msg = nullptr;
+    uint32_t len = 0;
+    int rc = read(h, &msg, &len);
+    if (rc == 0) {
+        rc = arena_base != nullptr
+                 ? rtslib_msg_idl_decode_pa(h, msg, len, record_out, map_out, arena_base,
+                                            arena_size)
+                 : rtslib_msg_idl_decode(h, msg, len, record_out, map_out);
+        if (rc < 0 && negative_is_einval) rc = EINVAL;
+    }
+    rtslib_msg_free(h, msg);
+    return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+int rtslib_msg_write_idl(rtslib_cookie *h, const void *record, const void *map)
+{
+    if (h == nullptr || record == nullptr) return EINVAL;
+    void *buf = nullptr;
+    uint32_t len = 0;
+    int rc = rtslib_msg_idl_encode(h, record, map, &buf, &len);
+    if (rc != 0) return rc;
+    rc = rtslib_write(h, buf, len);
+    rtslib_msg_free(h, buf);
+    return rc;
+}
+
+int rtslib_msg_read_idl(rtslib_cookie *h, void **record_out, void **map_out)
+{
+    return read_and_decode(h, read_bounded, record_out, map_out, nullptr, 0, true);
+}
+
+int rtslib_msg_read_idl_pa(rtslib_cookie *h, void **record_out, void **map_out, void *arena_base,
+                           uint32_t arena_size)
+{
+    if (arena_base == nullptr) return EINVAL;
+    return read_and_decode(h, read_bounded, record_out, map_out, arena_base, arena_size, true);
+}
+
+int rtslib_long_msg_read_idl(rtslib_cookie *h, void **record_out, void **map_out)
+{
+    return read_and_decode(h, rtslib_long_msg_read, record_out, map_out, nullptr, 0, false);
+}
+
+int rtslib_long_msg_read_idl_pa(rtslib_cookie *h, void **record_out, void **map_out,
+                                void *arena_base, uint32_t arena_size)
+{
+    if (arena_base == nullptr) return EINVAL;
+    return read_and_decode(h, rtslib_long_msg_read, record_out, map_out, arena_base, arena_size,
+                           true);
+}
+
+}  // extern "C"
