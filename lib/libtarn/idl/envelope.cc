@@ -298,9 +298,9 @@ int rtslib_msg_idl_decode(rtslib_cookie *handle, const void *buf, uint32_t len, 
         rtslib_err(handle, RTSLIB_LOG_ERROR, "Failed to peek message");
         return EOPNOTSUPP;
     }
-    uint64_t whole = static_cast<uint64_t>(load_le(static_cast<const uint8_t *>(buf) + 4, 4)) +
-                     kHeaderLen;
-    uint64_t size = whole <= RTS_MSG_MAX ? RTS_MSG_MAX : whole + kArenaStep;
+    // The size is the 32-bit sum, as on the wire: a body length of -8 asks
+    // for 4 bytes and fails in the decoder as garbled, not here.
+    uint64_t size = total <= RTS_MSG_MAX ? RTS_MSG_MAX : uint64_t{total} + kArenaStep;
     uint64_t limit = uint64_t{len} * kArenaPerByte + kArenaSlack;
     for (;;) {
         void *block = size <= UINT32_MAX
