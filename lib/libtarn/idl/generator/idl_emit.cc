@@ -426,6 +426,15 @@ std::string emit_test_meta(const Model &model)
             o << "     nullptr, nullptr, nullptr, nullptr},\n";
     }
     o << "};\n\nconst std::size_t type_count = " << model.types.size() << ";\n\n";
+    o << "const ChoiceEntry choice_members[] = {\n";
+    std::size_t entries = 0;
+    for (const Choice &c : model.choices)
+        for (const auto &[disc, member] : c.members) {
+            o << "    {\"" << c.name << "\", " << disc << ", " << index[member] << "},\n";
+            ++entries;
+        }
+    if (entries == 0) o << "    {nullptr, 0, 0},\n";
+    o << "};\n\nconst std::size_t choice_member_count = " << entries << ";\n\n";
     o << "}  // namespace tarn::test::idlmeta\n";
     return o.str();
 }
