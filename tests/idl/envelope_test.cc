@@ -135,6 +135,20 @@ TEST_F(Envelope, ArenaAllocatorRoundsAndRefuses)
     EXPECT_EQ(a.used, 16u);
 }
 
+// A failed magic check must still leave the map slot empty for release.
+TEST_F(Envelope, BadMagicLeavesNothingToRelease)
+{
+    Bytes e = envelope(0x01005011, 0, 0x45);
+    CountingAllocator a;
+    rts_msg_t msg;
+    rts_msg_map_t map;
+    std::memset(&map, 0xAB, sizeof map);
+    EXPECT_EQ(tlv_decode_rts_msg_0(&msg, &map, e.data(), 12, &CountingAllocator::alloc, &a), -3);
+    EXPECT_EQ(map.member_map, nullptr);
+    tlv_release_rts_msg_0(&msg, &map, &CountingAllocator::free, &a);
+    EXPECT_EQ(a.calls, 0u);
+}
+
 TEST_F(Envelope, ResultNames)
 {
     const char *names[] = {"Invalid Buffer Size", "Garbled Message", "Allocation Failure",
