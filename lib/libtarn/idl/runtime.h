@@ -18,6 +18,7 @@
 #ifndef TARN_LIBTARN_IDL_RUNTIME_H
 #define TARN_LIBTARN_IDL_RUNTIME_H
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -27,15 +28,24 @@ namespace tarn::idl {
 
 inline constexpr int kRuntimeVersion = TARN_IDL_RUNTIME_VERSION;
 
+// On a little-endian host the wire bytes are the value's own bytes.
 inline void store_le(uint8_t *p, uint64_t v, uint32_t width)
 {
-    for (uint32_t i = 0; i < width; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+    if constexpr (std::endian::native == std::endian::little) {
+        std::memcpy(p, &v, width);
+    } else {
+        for (uint32_t i = 0; i < width; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+    }
 }
 
 inline uint64_t load_le(const uint8_t *p, uint32_t width)
 {
     uint64_t v = 0;
-    for (uint32_t i = 0; i < width; ++i) v |= static_cast<uint64_t>(p[i]) << (8 * i);
+    if constexpr (std::endian::native == std::endian::little) {
+        std::memcpy(&v, p, width);
+    } else {
+        for (uint32_t i = 0; i < width; ++i) v |= static_cast<uint64_t>(p[i]) << (8 * i);
+    }
     return v;
 }
 
