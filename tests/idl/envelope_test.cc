@@ -212,6 +212,24 @@ TEST_F(Envelope, EncodeGrowsToTheExactSize)
     rtslib_msg_free(handle, buf);
 }
 
+// Without a handle no buffer can be had; the reports go to the default sink.
+TEST(EnvelopeNoHandle, AllocationFailuresAreReported)
+{
+    rtb_msg_t m = table_message();
+    void *buf = reinterpret_cast<void *>(1);
+    uint32_t len = 5;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(rtslib_msg_idl_encode(nullptr, &m, nullptr, &buf, &len), ENOMEM);
+    EXPECT_EQ(buf, nullptr);
+    EXPECT_EQ(len, 0u);
+    Bytes e = envelope(RTS_IDL_MAGIC_IDR, 0, 3);
+    void *out = nullptr;
+    EXPECT_EQ(rtslib_msg_idl_decode(nullptr, e.data(), 12, &out, nullptr), ENOMEM);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "rtslib: ERROR Allocation Failure for (16384) bytes\n"
+              "rtslib: ERROR Allocation Failure\n");
+}
+
 TEST_F(Envelope, EncodePreallocated)
 {
     rtb_msg_t m = table_message();

@@ -170,10 +170,16 @@ TEST(IdlGen, DiagnosesBadDescriptions)
     EXPECT_THAT(errors_of("type t\n  u9 a 1\nend\n")[0], HasSubstr("fam.idl:2: "));
 }
 
-TEST(IdlGen, ArraysMayRecurseThroughPointers)
+// Hostile input must not drive the decoders' recursion: no type may reach
+// itself, through records or arrays.
+TEST(IdlGen, RecursionThroughArraysIsRefused)
 {
-    Model m = parse_ok("type node\n  u32 v 1\n  array node kids 2\nend\n");
-    EXPECT_EQ(target_layout(m, m.types[0]).size, 12u);
+    std::vector<std::string> e = errors_of("type node\n  u32 v 1\n  array node kids 2\nend\n");
+    ASSERT_FALSE(e.empty());
+    EXPECT_THAT(e[0], HasSubstr("node nests itself"));
+    e = errors_of("type a\n  array b bs 1\nend\ntype b\n  record a x 1\nend\n");
+    ASSERT_FALSE(e.empty());
+    EXPECT_THAT(e[0], HasSubstr("nests itself"));
 }
 
 }  // namespace
