@@ -1,6 +1,7 @@
 #include "idl_model.h"
 
 #include <algorithm>
+#include <cctype>
 #include <functional>
 #include <set>
 #include <sstream>
