@@ -12,6 +12,8 @@ set -euo pipefail
 TARGETS=(
   patricia_fuzz
   itable_fuzz
+  fuzz_idl_tlv_envelope
+  fuzz_idl_idr_envelope
 )
 SECONDS_PER_TARGET=${FUZZ_SECONDS:-30}
 
@@ -31,7 +33,8 @@ for target in "${TARGETS[@]}"; do
   [ -d "$corpus" ] || { echo "fuzz-smoke: no seed corpus $corpus" >&2; exit 1; }
   mkdir -p "$scratch/$target"
   echo "fuzz-smoke: $target for ${SECONDS_PER_TARGET}s"
-  "$build/fuzz/$target" -max_total_time="$SECONDS_PER_TARGET" -print_final_stats=1 \
+  "$build/fuzz/$target" -max_total_time="$SECONDS_PER_TARGET" -timeout=10 -rss_limit_mb=2048 \
+    -print_final_stats=1 \
     -artifact_prefix="$scratch/$target-" "$scratch/$target" "$corpus" \
     || { echo "fuzz-smoke: $target failed; crash inputs are in $scratch" >&2; trap - EXIT; exit 1; }
 done

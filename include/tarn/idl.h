@@ -35,8 +35,9 @@ TARN_BEGIN_DECLS
 /* Size of the last message rtslib_msg_idl_encode produced. */
 TARN_API extern uint32_t rtslib_msglen;
 
-/* A decode arena: blocks are carved from base in multiples of 4 bytes and
- * never freed on their own. */
+/* A decode arena: blocks are carved from base in multiples of 4 bytes (of
+ * the pointer size on 64-bit hosts; base must be aligned likewise) and never
+ * freed on their own. */
 typedef struct rtslib_idl_arena {
     uint8_t *base;
     uint32_t size; /* capacity in bytes */

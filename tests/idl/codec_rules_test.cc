@@ -337,6 +337,7 @@ TEST(TlvRelease, NullElementSkippedArraysFreed)
     std::memset(r.info[1], 0, sizeof(rts_msg_info_t));
     r.info_count = 2;
     m.info = static_cast<rts_msg_info_map_t *>(CountingAllocator::alloc(2 * sizeof(rts_msg_info_map_t), &a));
+    std::memset(m.info, 0, 2 * sizeof(rts_msg_info_map_t));
     tlv_release_rts_hdr_0(&r, &m, &CountingAllocator::free, &a);
     EXPECT_TRUE(a.live.empty());
 }

@@ -46,6 +46,15 @@ struct Type {
 extern const Type types[];
 extern const std::size_t type_count;
 
+// The members of every choice: discriminant and member type.
+struct ChoiceEntry {
+    const char *choice;
+    uint32_t discriminant;
+    std::size_t type;  // index in types[]
+};
+extern const ChoiceEntry choice_members[];
+extern const std::size_t choice_member_count;
+
 const Type *find_type(const char *name);
 
 }  // namespace tarn::test::idlmeta

@@ -21,6 +21,9 @@ constexpr uint32_t kArenaStep = 1024;
 // string count is allocated before it is checked); growth stops here.
 constexpr uint64_t kArenaPerByte = 128;
 constexpr uint64_t kArenaSlack = 65536;
+// Blocks are multiples of 4 bytes on the target; a 64-bit host needs its
+// pointers aligned to 8.
+constexpr uint64_t kArenaAlign = sizeof(void *) > 4 ? sizeof(void *) : 4;
 
 const ChoiceMember *member_of(uint32_t type)
 {
@@ -53,6 +56,7 @@ int32_t decode_envelope(uint32_t magic, rts_msg_t *msg, void **member_map, const
 {
     msg->type = kNoMessage;
     msg->member = nullptr;
+    if (member_map) *member_map = nullptr;
     if (in == nullptr || in_len < kHeaderLen) return TARN_IDL_E_BUFSIZE;
     auto *p = static_cast<const uint8_t *>(in);
     if (load_le(p, 4) != magic) return TARN_IDL_E_MAGIC;
@@ -63,7 +67,6 @@ int32_t decode_envelope(uint32_t magic, rts_msg_t *msg, void **member_map, const
     auto result = static_cast<int32_t>(total);
     msg->type = static_cast<uint32_t>(load_le(p + 8, 4));
     const ChoiceMember *m = member_of(msg->type);
-    if (member_map) *member_map = nullptr;
     if (m == nullptr || m->record_size == 0) return result;
     if (alloc == nullptr) return TARN_IDL_E_ALLOC;
     void *rec = alloc(m->record_size, ctx);
@@ -117,7 +120,7 @@ uint32_t rtslib_msglen = 0;
 void *rtslib_idl_arena_alloc(uint32_t size, void *ctx)
 {
     auto *a = static_cast<rtslib_idl_arena *>(ctx);
-    uint64_t rounded = tarn::idl::round4(size);
+    uint64_t rounded = (uint64_t{size} + kArenaAlign - 1) / kArenaAlign * kArenaAlign;
     if (a == nullptr || uint64_t{a->used} + rounded > a->size) return nullptr;
     void *p = a->base + a->used;
     a->used += static_cast<uint32_t>(rounded);
@@ -298,9 +301,9 @@ int rtslib_msg_idl_decode(rtslib_cookie *handle, const void *buf, uint32_t len, 
         rtslib_err(handle, RTSLIB_LOG_ERROR, "Failed to peek message");
         return EOPNOTSUPP;
     }
-    uint64_t whole = static_cast<uint64_t>(load_le(static_cast<const uint8_t *>(buf) + 4, 4)) +
-                     kHeaderLen;
-    uint64_t size = whole <= RTS_MSG_MAX ? RTS_MSG_MAX : whole + kArenaStep;
+    // The size is the 32-bit sum, as on the wire: a body length of -8 asks
+    // for 4 bytes and fails in the decoder as garbled, not here.
+    uint64_t size = total <= RTS_MSG_MAX ? RTS_MSG_MAX : uint64_t{total} + kArenaStep;
     uint64_t limit = uint64_t{len} * kArenaPerByte + kArenaSlack;
     for (;;) {
         void *block = size <= UINT32_MAX

@@ -18,24 +18,38 @@
 #ifndef TARN_LIBTARN_IDL_RUNTIME_H
 #define TARN_LIBTARN_IDL_RUNTIME_H
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
 #include <tarn/idl_codec.h>
 
+// The per-field helpers are forced inline: generated functions are long runs
+// of them, and a call per field would cost more than the field itself.
+#define TARN_IDL_HOT [[gnu::always_inline]]
+
 namespace tarn::idl {
 
 inline constexpr int kRuntimeVersion = TARN_IDL_RUNTIME_VERSION;
 
+// On a little-endian host the wire bytes are the value's own bytes.
 inline void store_le(uint8_t *p, uint64_t v, uint32_t width)
 {
-    for (uint32_t i = 0; i < width; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+    if constexpr (std::endian::native == std::endian::little) {
+        std::memcpy(p, &v, width);
+    } else {
+        for (uint32_t i = 0; i < width; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+    }
 }
 
 inline uint64_t load_le(const uint8_t *p, uint32_t width)
 {
     uint64_t v = 0;
-    for (uint32_t i = 0; i < width; ++i) v |= static_cast<uint64_t>(p[i]) << (8 * i);
+    if constexpr (std::endian::native == std::endian::little) {
+        std::memcpy(&v, p, width);
+    } else {
+        for (uint32_t i = 0; i < width; ++i) v |= static_cast<uint64_t>(p[i]) << (8 * i);
+    }
     return v;
 }
 
@@ -60,10 +74,10 @@ public:
     TlvEncoder(void *out, uint32_t out_len, const uint32_t *bits)
         : out_(static_cast<uint8_t *>(out)), cap_(out ? out_len : 0), bits_(bits) {}
 
-    void u8(unsigned bit, uint32_t tag, uint8_t v) { scalar(bit, tag, v, 1); }
-    void u16(unsigned bit, uint32_t tag, uint16_t v) { scalar(bit, tag, v, 2); }
-    void u32(unsigned bit, uint32_t tag, uint32_t v) { scalar(bit, tag, v, 4); }
-    void u64(unsigned bit, uint32_t tag, uint64_t v) { scalar(bit, tag, v, 8); }
+    TARN_IDL_HOT void u8(unsigned bit, uint32_t tag, uint8_t v) { scalar(bit, tag, v, 1); }
+    TARN_IDL_HOT void u16(unsigned bit, uint32_t tag, uint16_t v) { scalar(bit, tag, v, 2); }
+    TARN_IDL_HOT void u32(unsigned bit, uint32_t tag, uint32_t v) { scalar(bit, tag, v, 4); }
+    TARN_IDL_HOT void u64(unsigned bit, uint32_t tag, uint64_t v) { scalar(bit, tag, v, 8); }
 
     // A null pointer encodes as an empty string whatever the count says.
     void bytes(unsigned bit, uint32_t tag, const uint8_t *p, uint32_t n)
@@ -98,22 +112,22 @@ public:
     uint32_t size() const { return static_cast<uint32_t>(size_); }
 
 private:
-    bool present(unsigned bit) const { return bits_ == nullptr || ((*bits_ >> bit) & 1u); }
+    TARN_IDL_HOT bool present(unsigned bit) const { return bits_ == nullptr || ((*bits_ >> bit) & 1u); }
 
-    void header(uint64_t at, uint32_t tag, uint32_t len)
+    TARN_IDL_HOT void header(uint64_t at, uint32_t tag, uint32_t len)
     {
         store_le(out_ + at, tag, 4);
         store_le(out_ + at + 4, len, 4);
     }
 
-    void pad()
+    TARN_IDL_HOT void pad()
     {
         uint64_t at = size_;
         size_ = round4(size_);
         if (size_ > at && size_ <= cap_) std::memset(out_ + at, 0, size_ - at);
     }
 
-    void scalar(unsigned bit, uint32_t tag, uint64_t v, uint32_t width)
+    TARN_IDL_HOT void scalar(unsigned bit, uint32_t tag, uint64_t v, uint32_t width)
     {
         if (!present(bit)) return;
         uint64_t at = size_;
@@ -315,11 +329,11 @@ public:
     IdrEncoder(void *out, uint32_t out_len)
         : out_(static_cast<uint8_t *>(out)), cap_(out ? out_len : 0) {}
 
-    void u8(uint8_t v) { scalar(v, 1, 1); }
-    void u16(uint16_t v) { scalar(v, 2, 2); }
-    void u32(uint32_t v) { scalar(v, 4, 4); }
-    void u64(uint64_t v) { scalar(v, 8, 4); }
-    void count(uint32_t n) { scalar(n, 4, 4); }
+    TARN_IDL_HOT void u8(uint8_t v) { scalar(v, 1, 1); }
+    TARN_IDL_HOT void u16(uint16_t v) { scalar(v, 2, 2); }
+    TARN_IDL_HOT void u32(uint32_t v) { scalar(v, 4, 4); }
+    TARN_IDL_HOT void u64(uint64_t v) { scalar(v, 8, 4); }
+    TARN_IDL_HOT void count(uint32_t n) { scalar(n, 4, 4); }
 
     template <class R>
     void record(const R &rec, IdrEncodeFn<R> enc)
@@ -330,7 +344,7 @@ public:
                      room ? static_cast<uint32_t>(cap_ - size_) : 0);
     }
 
-    void end_fixed() { align(4); }
+    TARN_IDL_HOT void end_fixed() { align(4); }
 
     void bytes(const uint8_t *p, uint32_t n)
     {
@@ -352,14 +366,14 @@ public:
     uint32_t size() const { return static_cast<uint32_t>(size_); }
 
 private:
-    void align(uint32_t a)
+    TARN_IDL_HOT void align(uint32_t a)
     {
         uint64_t at = size_;
         size_ = (size_ + a - 1) / a * a;
         if (size_ > at && size_ <= cap_) std::memset(out_ + at, 0, size_ - at);
     }
 
-    void scalar(uint64_t v, uint32_t width, uint32_t alignment)
+    TARN_IDL_HOT void scalar(uint64_t v, uint32_t width, uint32_t alignment)
     {
         align(alignment);
         uint64_t at = size_;
@@ -378,11 +392,11 @@ public:
         : in_(static_cast<const uint8_t *>(in)), len_(in ? in_len : 0), alloc_(alloc),
           alloc_ctx_(alloc_ctx) {}
 
-    void u8(uint8_t *dst) { scalar(dst, 1, 1); }
-    void u16(uint16_t *dst) { scalar(dst, 2, 2); }
-    void u32(uint32_t *dst) { scalar(dst, 4, 4); }
-    void u64(uint64_t *dst) { scalar(dst, 8, 4); }
-    void count(uint32_t *dst) { scalar(dst, 4, 4); }
+    TARN_IDL_HOT void u8(uint8_t *dst) { scalar(dst, 1, 1); }
+    TARN_IDL_HOT void u16(uint16_t *dst) { scalar(dst, 2, 2); }
+    TARN_IDL_HOT void u32(uint32_t *dst) { scalar(dst, 4, 4); }
+    TARN_IDL_HOT void u64(uint64_t *dst) { scalar(dst, 8, 4); }
+    TARN_IDL_HOT void count(uint32_t *dst) { scalar(dst, 4, 4); }
 
     template <class R>
     void record(R *dst, IdrDecodeFn<R> dec)
@@ -394,7 +408,7 @@ public:
         pos_ += static_cast<uint32_t>(r);
     }
 
-    void end_fixed() { align(4); }
+    TARN_IDL_HOT void end_fixed() { align(4); }
 
     // The block is obtained and stored before the input is checked, so that a
     // short buffer fails with the block held by the record.
@@ -421,7 +435,7 @@ public:
 
 private:
     void fail(int32_t code) { err_ = code; }
-    bool align(uint32_t a)
+    TARN_IDL_HOT bool align(uint32_t a)
     {
         if (err_) return false;
         uint64_t to = (pos_ + a - 1) / a * a;
@@ -435,7 +449,7 @@ private:
     void *obtain(uint64_t size);
 
     template <class T>
-    void scalar(T *dst, uint32_t width, uint32_t alignment)
+    TARN_IDL_HOT void scalar(T *dst, uint32_t width, uint32_t alignment)
     {
         if (!align(alignment)) return;
         if (len_ - pos_ < width) return fail(TARN_IDL_E_GARBLED);

@@ -190,24 +190,47 @@ void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t)
     o << "}\n\n";
 }
 
+// The fixed part of an IDR record. A nested record without variable parts is
+// written in place field by field (aligned to 4 and padded to 4 as its own
+// encoder would), which spares a call per nested record; one with variable
+// parts calls its encoder, which places them after its own fixed part.
+void emit_idr_fixed(std::ostream &o, const Model &model, const Type &t, const std::string &path,
+                    bool encode)
+{
+    const char *obj = encode ? "    e." : "    d.";
+    const char *addr = encode ? "" : "&";
+    for (const Field &f : t.fields) {
+        std::string field = path + f.name;
+        if (is_scalar(f.kind)) {
+            o << obj << kind_name(f.kind) << "(" << addr << field << ");\n";
+        } else if (f.kind == Kind::Bytes) {
+            if (encode)
+                o << obj << "count(" << field << " ? " << path << count_name(f) << " : 0);\n";
+            else
+                o << obj << "count(&" << path << count_name(f) << ");\n";
+        } else if (f.kind == Kind::Array) {
+            if (encode)
+                o << obj << "count(idl::live_count(" << field << ", " << path << count_name(f)
+                  << "));\n";
+            else
+                o << obj << "count(&" << path << count_name(f) << ");\n";
+        } else if (holds_blocks(model, *model.find(f.type))) {
+            o << obj << "record(" << addr << field << ", &idr_" << (encode ? "encode_" : "decode_")
+              << f.type << "_0);\n";
+        } else {
+            o << obj << "end_fixed(); /* " << f.name << " */\n";
+            emit_idr_fixed(o, model, *model.find(f.type), field + ".", encode);
+            o << obj << "end_fixed();\n";
+        }
+    }
+}
+
 void emit_idr_functions(std::ostream &o, const Model &model, const Type &t)
 {
     const std::string &n = t.name;
-    bool has_var = std::any_of(t.fields.begin(), t.fields.end(), [](const Field &f) {
-        return f.kind == Kind::Bytes || f.kind == Kind::Array;
-    });
     o << "uint32_t idr_encode_" << n << "_0(const " << n << "_t *r, void *out, uint32_t out_len)\n{\n";
     o << "    idl::IdrEncoder e(out, out_len);\n";
-    for (const Field &f : t.fields) {
-        o << "    e.";
-        if (is_scalar(f.kind)) o << kind_name(f.kind) << "(r->" << f.name << ");\n";
-        else if (f.kind == Kind::Bytes)
-            o << "count(r->" << f.name << " ? r->" << count_name(f) << " : 0);\n";
-        else if (f.kind == Kind::Record)
-            o << "record(r->" << f.name << ", &idr_encode_" << f.type << "_0);\n";
-        else
-            o << "count(idl::live_count(r->" << f.name << ", r->" << count_name(f) << "));\n";
-    }
+    emit_idr_fixed(o, model, t, "r->", true);
     o << "    e.end_fixed();\n";
     for (const Field &f : t.fields) {
         if (f.kind == Kind::Bytes)
@@ -222,14 +245,7 @@ void emit_idr_functions(std::ostream &o, const Model &model, const Type &t)
       << "_t *r, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
     o << "    *r = " << n << "_t{};\n";
     o << "    idl::IdrDecoder d(in, in_len, alloc, ctx);\n";
-    for (const Field &f : t.fields) {
-        o << "    d.";
-        if (is_scalar(f.kind)) o << kind_name(f.kind) << "(&r->" << f.name << ");\n";
-        else if (f.kind == Kind::Record)
-            o << "record(&r->" << f.name << ", &idr_decode_" << f.type << "_0);\n";
-        else
-            o << "count(&r->" << count_name(f) << ");\n";
-    }
+    emit_idr_fixed(o, model, t, "r->", false);
     o << "    d.end_fixed();\n";
     for (const Field &f : t.fields) {
         if (f.kind == Kind::Bytes)
@@ -238,7 +254,6 @@ void emit_idr_functions(std::ostream &o, const Model &model, const Type &t)
             o << "    d.array(&r->" << f.name << ", r->" << count_name(f) << ", &idr_decode_"
               << f.type << "_0);\n";
     }
-    (void)has_var;
     o << "    return d.result();\n}\n\n";
 
     o << "void idr_release_" << n << "_0(" << n << "_t *r, tarn_idl_free_fn f, void *c)\n{\n";
@@ -426,6 +441,15 @@ std::string emit_test_meta(const Model &model)
             o << "     nullptr, nullptr, nullptr, nullptr},\n";
     }
     o << "};\n\nconst std::size_t type_count = " << model.types.size() << ";\n\n";
+    o << "const ChoiceEntry choice_members[] = {\n";
+    std::size_t entries = 0;
+    for (const Choice &c : model.choices)
+        for (const auto &[disc, member] : c.members) {
+            o << "    {\"" << c.name << "\", " << disc << ", " << index[member] << "},\n";
+            ++entries;
+        }
+    if (entries == 0) o << "    {nullptr, 0, 0},\n";
+    o << "};\n\nconst std::size_t choice_member_count = " << entries << ";\n\n";
     o << "}  // namespace tarn::test::idlmeta\n";
     return o.str();
 }

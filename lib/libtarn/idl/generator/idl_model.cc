@@ -1,6 +1,7 @@
 #include "idl_model.h"
 
 #include <algorithm>
+#include <cctype>
 #include <functional>
 #include <set>
 #include <sstream>
@@ -224,17 +225,19 @@ void check_model(const Model &model, std::vector<std::string> &errors)
                                  " needs both encodings");
         }
     }
-    // Records nest by value, so a cycle through record fields is impossible to
-    // lay out; arrays hold pointers and may recurse.
+    // Records nest by value, so a cycle through record fields cannot be laid
+    // out; a cycle through arrays could, but would let hostile input drive the
+    // decoders' recursion as deep as it likes, so the type graph stays acyclic
+    // and its depth bounds the recursion.
     std::map<std::string, int> state;
     std::function<void(const Type &)> visit = [&](const Type &t) {
         state[t.name] = 1;
         for (const Field &f : t.fields) {
-            if (f.kind != Kind::Record) continue;
+            if (f.kind != Kind::Record && f.kind != Kind::Array) continue;
             const Type *sub = model.find(f.type);
             if (!sub) continue;
             if (state[sub->name] == 1)
-                errors.push_back("type " + t.name + ": record " + sub->name + " nests itself");
+                errors.push_back("type " + t.name + ": " + sub->name + " nests itself");
             else if (state[sub->name] == 0)
                 visit(*sub);
         }

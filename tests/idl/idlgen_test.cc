@@ -1,0 +1,186 @@
+// The generator on its own: descriptions in, diagnostics, target layouts and
+// the shape of the emitted code out.
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "idl_emit.h"
+#include "idl_model.h"
+
+namespace tarn::idlgen {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+Model parse_ok(const std::string &text, const std::string &family = "fam")
+{
+    Model m;
+    std::vector<std::string> errors;
+    parse_description(text, family, family + ".idl", m, errors);
+    check_model(m, errors);
+    EXPECT_TRUE(errors.empty()) << (errors.empty() ? "" : errors[0]);
+    return m;
+}
+
+std::vector<std::string> errors_of(const std::string &text)
+{
+    Model m;
+    std::vector<std::string> errors;
+    parse_description(text, "fam", "fam.idl", m, errors);
+    if (errors.empty()) check_model(m, errors);
+    return errors;
+}
+
+const char *kHeaderLike = R"(
+# comment
+type info
+  u8 tos 1
+end
+type hdr
+  u32 magic 1
+  u8 version 2
+  u8 type 3
+  u8 op 4
+  u8 flags 5
+  u32 len 6
+  u32 seq 7
+  u32 origin 8
+  u16 hdrlen 9
+  u8 subtype 10
+  array info infos 11
+end
+type base
+  record hdr hdr 1
+end
+)";
+
+TEST(IdlGen, TargetLayoutOfAHeaderWithAnArray)
+{
+    Model m = parse_ok(kHeaderLike);
+    Layout l = target_layout(m, *m.find("hdr"));
+    EXPECT_EQ(l.size, 32u);
+    EXPECT_EQ(l.map_size, 8u);
+    EXPECT_EQ(l.offsets, (std::vector<uint32_t>{0, 4, 5, 6, 7, 8, 12, 16, 20, 22, 24}));
+    Layout b = target_layout(m, *m.find("base"));
+    EXPECT_EQ(b.size, 32u);
+    EXPECT_EQ(b.map_size, 12u);
+    Layout i = target_layout(m, *m.find("info"));
+    EXPECT_EQ(i.size, 1u);
+    EXPECT_EQ(i.map_size, 4u);
+}
+
+TEST(IdlGen, SixtyFourBitScalarsAlignToFourOnTheTarget)
+{
+    Model m = parse_ok("type t\n  u8 a 1\n  u64 b 2\nend\n");
+    Layout l = target_layout(m, m.types[0]);
+    EXPECT_EQ(l.offsets, (std::vector<uint32_t>{0, 4}));
+    EXPECT_EQ(l.size, 12u);
+}
+
+TEST(IdlGen, EmittedFunctionsAreStraightLineRuntimeCalls)
+{
+    Model m = parse_ok(kHeaderLike);
+    std::string src = emit_family(m, "fam");
+    EXPECT_THAT(src, HasSubstr("    e.u8(1, 2, r->version);\n"));
+    EXPECT_THAT(src, HasSubstr("    e.array(10, 11, r->infos, r->infos_count, m ? m->infos : nullptr, "
+                               "&tlv_encode_info_0);\n"));
+    EXPECT_THAT(src, HasSubstr("        case 9: d.u16(8, &r->hdrlen); break;\n"));
+    EXPECT_THAT(src, HasSubstr("    e.record(0, 1, r->hdr, m ? &m->hdr : nullptr, &tlv_encode_hdr_0);\n"));
+    EXPECT_THAT(src, HasSubstr("    e.count(idl::live_count(r->infos, r->infos_count));\n    e.end_fixed();\n"
+                               "    e.array(r->infos, r->infos_count, &idr_encode_info_0);\n"));
+    EXPECT_THAT(src, HasSubstr("    d.count(&r->infos_count);\n    d.end_fixed();\n"));
+    // Types without pointers release nothing.
+    EXPECT_THAT(src, HasSubstr("void tlv_release_info_0(info_t *r, info_map_t *m, tarn_idl_free_fn f, void *c)\n"
+                               "{\n    (void)r;\n"));
+    EXPECT_THAT(src, HasSubstr("static_assert(sizeof(hdr_t) == 32 && sizeof(hdr_map_t) == 8"));
+    EXPECT_THAT(src, Not(HasSubstr("for (")));
+}
+
+TEST(IdlGen, HeaderDeclaresRecordsMapsAndBits)
+{
+    Model m = parse_ok(kHeaderLike);
+    std::string h = emit_header(m);
+    EXPECT_THAT(h, HasSubstr("for codec runtime version 1"));
+    EXPECT_THAT(h, HasSubstr("struct hdr_s {\n    uint32_t magic; /* tag 1 */\n"));
+    EXPECT_THAT(h, HasSubstr("    info_t **infos;\n    uint32_t infos_count; /* tag 11 */\n"));
+    EXPECT_THAT(h, HasSubstr("struct base_map_s {\n    uint32_t bits;\n    hdr_map_t hdr;\n};"));
+    EXPECT_THAT(h, HasSubstr("HDR_BIT_INFOS = 10\n"));
+    EXPECT_THAT(h, HasSubstr("TARN_API uint32_t idr_encode_hdr_0(const hdr_t *rec, void *out, uint32_t out_len);"));
+    // Nested records are defined before their users.
+    EXPECT_LT(h.find("struct info_s {"), h.find("struct hdr_s {"));
+    EXPECT_LT(h.find("struct hdr_s {"), h.find("struct base_s {"));
+}
+
+TEST(IdlGen, OutputIsReproducible)
+{
+    Model a = parse_ok(kHeaderLike), b = parse_ok(kHeaderLike);
+    EXPECT_EQ(emit_header(a), emit_header(b));
+    EXPECT_EQ(emit_family(a, "fam"), emit_family(b, "fam"));
+    EXPECT_EQ(emit_test_meta(a), emit_test_meta(b));
+}
+
+TEST(IdlGen, EncodingSetsAndChoices)
+{
+    Model m = parse_ok(std::string(kHeaderLike) +
+                       "type only_tlv tlv-only\n  u8 a 1\nend\n"
+                       "choice msg header hdr limit 4\n  0 base\nend\n");
+    std::string src = emit_family(m, "fam");
+    EXPECT_THAT(src, HasSubstr("tlv_encode_only_tlv_0"));
+    EXPECT_THAT(src, Not(HasSubstr("idr_encode_only_tlv_0")));
+    EXPECT_THAT(src, HasSubstr("const idl::ChoiceMember *const msg_members[4] = {\n"
+                               "    &idl::choice_member<base_t, base_map_t,"));
+    EXPECT_THAT(src, HasSubstr("    nullptr,\n    nullptr,\n    nullptr,\n};"));
+    std::string h = emit_header(m);
+    EXPECT_THAT(h, HasSubstr("typedef struct msg_s {\n    uint32_t type;\n    void *member;\n} msg_t;"));
+}
+
+struct BadCase {
+    const char *text;
+    const char *message;
+};
+
+TEST(IdlGen, DiagnosesBadDescriptions)
+{
+    std::string many = "type big\n";
+    for (int i = 1; i <= 33; ++i) many += "  u8 f" + std::to_string(i) + " " + std::to_string(i) + "\n";
+    many += "end\n";
+    const BadCase cases[] = {
+        {many.c_str(), "has 33 fields; a record has at most 32"},
+        {"type t\n  u8 a 1\n  u8 b 1\nend\n", "tag 1 used twice"},
+        {"type t\n  u8 a 1\n  u16 a 2\nend\n", "field a defined twice"},
+        {"type t\n  record nope x 1\nend\n", "unknown type nope"},
+        {"type t\n  record t self 1\nend\n", "nests itself"},
+        {"type t\n  u8 a 1\n", "missing 'end'"},
+        {"type t\n  u9 a 1\nend\n", "unknown field kind 'u9'"},
+        {"type t\n  u8 a x\nend\n", "bad tag 'x'"},
+        {"type t\nend\n", "has no fields"},
+        {"type t tlv-only\n  u8 a 1\nend\ntype u\n  record t x 1\nend\n", "lacks an encoding"},
+        {"type h\n  u8 a 1\nend\ntype m\n  u8 a 1\nend\nchoice c header h limit 2\n  1 m\nend\n",
+         "does not begin with a h record"},
+        {"type h\n  u8 a 1\nend\nchoice c header h limit 2\n  2 h\nend\n", "not below the choice's limit"},
+    };
+    for (const BadCase &c : cases) {
+        std::vector<std::string> errors = errors_of(c.text);
+        ASSERT_FALSE(errors.empty()) << c.message;
+        EXPECT_THAT(errors[0], HasSubstr(c.message));
+    }
+    EXPECT_THAT(errors_of("type t\n  u9 a 1\nend\n")[0], HasSubstr("fam.idl:2: "));
+}
+
+// Hostile input must not drive the decoders' recursion: no type may reach
+// itself, through records or arrays.
+TEST(IdlGen, RecursionThroughArraysIsRefused)
+{
+    std::vector<std::string> e = errors_of("type node\n  u32 v 1\n  array node kids 2\nend\n");
+    ASSERT_FALSE(e.empty());
+    EXPECT_THAT(e[0], HasSubstr("node nests itself"));
+    e = errors_of("type a\n  array b bs 1\nend\ntype b\n  record a x 1\nend\n");
+    ASSERT_FALSE(e.empty());
+    EXPECT_THAT(e[0], HasSubstr("nests itself"));
+}
+
+}  // namespace
+}  // namespace tarn::idlgen
