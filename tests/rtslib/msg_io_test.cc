@@ -278,4 +278,82 @@ TEST_F(MessageIo, WritingToAVanishedKernelFailsWithoutSignals)
     EXPECT_TRUE(rc == EPIPE || rc == ECONNRESET || rc == ENOTCONN) << rc;
 }
 
+// An encoded route-table message, as a kernel answer would carry it.
+std::vector<uint8_t> encoded_table(rtslib_cookie *h, uint16_t tid, bool tlv, uint32_t name_len = 0)
+{
+    rtb_msg_t rec{};
+    rtb_msg_map_t map{};
+    std::vector<uint8_t> name(name_len, 'x');
+    rec.hdr.version = 'b';
+    rec.hdr.type = RTS_MSG_RTTABLE;
+    rec.tid = tid;
+    rec.name = name.empty() ? nullptr : name.data();
+    rec.name_len = name_len;
+    map.bits = (1u << RTB_MSG_BIT_HDR) | (1u << RTB_MSG_BIT_TID) | (1u << RTB_MSG_BIT_NAME);
+    map.hdr.bits = (1u << RTS_HDR_BIT_TYPE) | (1u << RTS_HDR_BIT_VERSION);
+    void *buf = nullptr;
+    uint32_t len = 0;
+    EXPECT_EQ(rtslib_msg_idl_encode(h, &rec, tlv ? &map : nullptr, &buf, &len), 0);
+    std::vector<uint8_t> out(static_cast<uint8_t *>(buf), static_cast<uint8_t *>(buf) + len);
+    rtslib_msg_free(h, buf);
+    return out;
+}
+
+TEST_F(MessageIo, IdlReadsDecodeEnvelopesAndRefuseTheRest)
+{
+    void *rec = nullptr;
+    void *map = nullptr;
+    push(encoded_table(h_, 7, true));
+    ASSERT_EQ(rtslib_msg_read_idl(h_, &rec, &map), 0);
+    ASSERT_NE(rec, nullptr);
+    EXPECT_NE(map, nullptr);
+    EXPECT_EQ(static_cast<rtb_msg_t *>(rec)->tid, 7);
+    rtslib_msg_idl_release(h_, rec);
+
+    push(encoded_table(h_, 8, false));  // IDR: no map
+    map = &map;
+    ASSERT_EQ(rtslib_long_msg_read_idl(h_, &rec, &map), 0);
+    EXPECT_EQ(static_cast<rtb_msg_t *>(rec)->tid, 8);
+    rtslib_msg_idl_release(h_, rec);
+
+    // A raw message is not an envelope: refused without a report.
+    push(raw_message(32, 1));
+    EXPECT_EQ(rtslib_msg_read_idl(h_, &rec, nullptr), EOPNOTSUPP);
+    EXPECT_EQ(rec, nullptr);
+    // A raw message out of sequence is returned as such, undecoded.
+    push(raw_message(32, 5));
+    EXPECT_EQ(rtslib_long_msg_read_idl(h_, &rec, nullptr), RTSLIB_SEQ_MISMATCH);
+    EXPECT_EQ(rec, nullptr);
+    reports_.reports.clear();
+
+    // A TLV body whose last item is followed by 4 stray bytes is garbled.
+    const std::vector<uint8_t> garbled = {0x11, 0x50, 0, 0, 12, 0, 0, 0, RTS_MSG_RTTABLE, 0, 0, 0,
+                                          99,   0,    0, 0, 0,  0, 0, 0, 0, 0, 0, 0};
+    push(garbled);
+    EXPECT_EQ(rtslib_msg_read_idl(h_, &rec, nullptr), EINVAL);
+    EXPECT_EQ(reports_.reports,
+              std::vector<Report>({{3, "rtslib: ERROR IDL TLV Decode Error -1(Garbled Message)"}}));
+    EXPECT_EQ(rtslib_msg_read_idl(h_, nullptr, nullptr), EINVAL);
+}
+
+TEST_F(MessageIo, LongIdlReadTakesMessagesBeyondTheBoundedSize)
+{
+    const auto big = encoded_table(h_, 9, false, 20000);
+    ASSERT_GT(big.size(), static_cast<size_t>(RTS_MSG_MAX));
+    push(big);
+    void *rec = nullptr;
+    ASSERT_EQ(rtslib_long_msg_read_idl(h_, &rec, nullptr), 0);
+    EXPECT_EQ(static_cast<rtb_msg_t *>(rec)->name_len, 20000u);
+    rtslib_msg_idl_release(h_, rec);
+
+    std::vector<uint8_t> arena(64 * 1024);
+    push(big);
+    ASSERT_EQ(rtslib_long_msg_read_idl_pa(h_, &rec, nullptr, arena.data(),
+                                          static_cast<uint32_t>(arena.size())),
+              0);
+    EXPECT_EQ(static_cast<rtb_msg_t *>(rec)->tid, 9);
+    push(big);  // too big for the bounded read
+    EXPECT_EQ(rtslib_msg_read_idl(h_, &rec, nullptr), EIO);
+}
+
 }  // namespace

@@ -1,5 +1,6 @@
 // Routes, tables, statistics and multicast groups end to end through the
 // kernel emulator; request layouts checked on a socket pair.
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -311,6 +312,15 @@ TEST_F(Routes, LostAcknowledgementIsReported)
     EXPECT_EQ(idx, 1234u);
     EXPECT_EQ(reports_.reports,
               std::vector<Report>({{3, "rtslib: ERROR  failed to get route add ack index\n"}}));
+}
+
+TEST_F(Routes, StateIsLoggedOnSigusr1)
+{
+    ASSERT_EQ(add({10, 0, 0, 0}, 8, 1), 0);
+    ASSERT_EQ(command(h_->fd, "count"), "routes 1\n");
+    ::kill(emu_.pid(), SIGUSR1);
+    EXPECT_TRUE(emu_.wait_for_output("state: route 0 af 2 0a/8 type 1 nh 2 nhidx 1"))
+        << emu_.output();
 }
 
 TEST_F(Routes, DeletesRemoveRoutes)

@@ -56,11 +56,18 @@ Options:
                          version, so by default the block matches exactly.
   --fail-option N        setting routing-socket option N fails with EINVAL;
                          repeatable
-  --log                  print one line per connection, option and message
+  --log                  print one line per connection, option and message;
+                         SIGUSR1 then prints the routing state (tables,
+                         routes, multicast groups)
   -h, --help             print this text and exit
 
 The version block always carries a version byte for each of types 1..101,
 whatever --types says.
+
+Routes, route tables, route statistics and multicast groups are kept as a
+kernel would; requests are answered in the encoding they came in. Tests
+script the emulator through PATH.ctl: raw messages to a socket, dropped
+answers, multicast groups, state dumps ("dump", "count").
 )";
     return u;
 }

@@ -34,6 +34,7 @@ int main(int argc, char **argv)
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);
     sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGUSR1);
     sigprocmask(SIG_BLOCK, &mask, nullptr);
     signal(SIGPIPE, SIG_IGN);
     int sfd = signalfd(-1, &mask, SFD_CLOEXEC);

@@ -1,6 +1,7 @@
 #include "server.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -271,6 +272,17 @@ bool Server::read_routing(Connection &conn)
     }
 }
 
+// SIGUSR1: the kernel's state into the log, one object a line.
+void Server::log_state()
+{
+    log_.line("state: %zu routing sockets, %zu routes", conns_.size(),
+              kernel_.routing().route_count());
+    const std::string dump = kernel_.routing().dump();
+    size_t start = 0;
+    for (size_t nl; (nl = dump.find('\n', start)) != std::string::npos; start = nl + 1)
+        log_.line("state: %s", dump.substr(start, nl - start).c_str());
+}
+
 int Server::run(int signal_fd)
 {
     std::vector<pollfd> fds;
@@ -290,8 +302,11 @@ int Server::run(int signal_fd)
         }
         if (fds[0].revents != 0) {
             signalfd_siginfo si{};
-            if (::read(signal_fd, &si, sizeof si) > 0)
-                log_.line("signal %u, shutting down", si.ssi_signo);
+            if (::read(signal_fd, &si, sizeof si) > 0 && si.ssi_signo == SIGUSR1) {
+                log_state();
+                continue;
+            }
+            log_.line("signal %u, shutting down", si.ssi_signo);
             close_all();
             return 0;
         }

@@ -28,6 +28,7 @@ public:
 
     // Serves until SIGTERM or SIGINT (blocked by the caller and delivered
     // through `signal_fd`), then removes the socket files. The exit status.
+    // SIGUSR1 logs the kernel's state.
     int run(int signal_fd);
 
     int deliver(RouteSocket &sock, const uint8_t *msg, size_t len) override;
@@ -49,6 +50,7 @@ private:
     bool read_routing(Connection &conn);
     RouteSocket *find_socket(const std::string &name);
     void close_all();
+    void log_state();
 
     const EmuConfig &cfg_;
     const EmuLog &log_;
