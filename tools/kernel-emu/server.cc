@@ -120,7 +120,7 @@ bool Server::listen(std::string &error)
 
 void Server::close_all()
 {
-    for (auto &c : conns_) ::close(c->sock.fd);
+    for (auto &c : conns_) ::close(c->fd);
     conns_.clear();
     for (int fd : control_fds_) ::close(fd);
     control_fds_.clear();
@@ -141,12 +141,12 @@ void Server::accept_routing_sockets()
     for (;;) {
         int fd = ::accept4(routing_listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) return;
-        auto conn = std::make_unique<Connection>();
-        conn->sock.fd = fd;
-        conn->sock.id = next_id_++;
-        conn->sock.name = peer_name(fd);
-        log_.line("socket %llu: opened by %s", static_cast<unsigned long long>(conn->sock.id),
-                  printable(conn->sock.name).c_str());
+        auto conn = std::make_unique<RouteSocket>();
+        conn->fd = fd;
+        conn->id = next_id_++;
+        conn->name = peer_name(fd);
+        log_.line("socket %llu: opened by %s", static_cast<unsigned long long>(conn->id),
+                  printable(conn->name).c_str());
         conns_.push_back(std::move(conn));
     }
 }
@@ -163,7 +163,7 @@ void Server::accept_control()
 RouteSocket *Server::find_socket(const std::string &name)
 {
     for (auto &c : conns_)
-        if (c->sock.name == name) return &c->sock;
+        if (c->name == name) return c.get();
     return nullptr;
 }
 
@@ -257,18 +257,18 @@ void Server::serve_control(int fd)
     ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
 }
 
-bool Server::read_routing(Connection &conn)
+bool Server::read_routing(RouteSocket &sock)
 {
     for (;;) {
-        ssize_t n = ::recv(conn.sock.fd, rx_.data(), rx_.size(), MSG_TRUNC | MSG_DONTWAIT);
+        ssize_t n = ::recv(sock.fd, rx_.data(), rx_.size(), MSG_TRUNC | MSG_DONTWAIT);
         if (n == 0) return false;
         if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
         if (static_cast<size_t>(n) > rx_.size()) {
             log_.line("socket %llu: message of %zd bytes is too large, dropped",
-                      static_cast<unsigned long long>(conn.sock.id), n);
+                      static_cast<unsigned long long>(sock.id), n);
             continue;
         }
-        kernel_.handle_message(conn.sock, rx_.data(), static_cast<size_t>(n));
+        kernel_.handle_message(sock, rx_.data(), static_cast<size_t>(n));
     }
 }
 
@@ -292,7 +292,7 @@ int Server::run(int signal_fd)
         fds.push_back({routing_listen_fd_, POLLIN, 0});
         fds.push_back({control_listen_fd_, POLLIN, 0});
         for (int fd : control_fds_) fds.push_back({fd, POLLIN, 0});
-        for (auto &c : conns_) fds.push_back({c->sock.fd, POLLIN, 0});
+        for (auto &c : conns_) fds.push_back({c->fd, POLLIN, 0});
 
         if (::poll(fds.data(), fds.size(), -1) < 0) {
             if (errno == EINTR) continue;
@@ -314,13 +314,13 @@ int Server::run(int signal_fd)
         // Routing sockets first: a control request may name one that is
         // readable in this same round.
         size_t i = 3 + control_fds_.size();
-        std::vector<std::unique_ptr<Connection>> kept;
+        std::vector<std::unique_ptr<RouteSocket>> kept;
         kept.reserve(conns_.size());
         for (auto &c : conns_) {
             const short rev = fds[i++].revents;
             if (rev != 0 && !read_routing(*c)) {
-                log_.line("socket %llu: closed", static_cast<unsigned long long>(c->sock.id));
-                ::close(c->sock.fd);
+                log_.line("socket %llu: closed", static_cast<unsigned long long>(c->id));
+                ::close(c->fd);
                 continue;
             }
             kept.push_back(std::move(c));

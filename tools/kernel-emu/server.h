@@ -36,10 +36,6 @@ public:
     Kernel &kernel() { return kernel_; }
 
 private:
-    struct Connection {
-        RouteSocket sock;
-    };
-
     void accept_routing_sockets();
     void accept_control();
     void serve_control(int fd);
@@ -47,7 +43,7 @@ private:
                     std::vector<uint8_t> &out);
     int control_request(const emu::CtlRequest &req, const uint8_t *value,
                         std::vector<uint8_t> &out);
-    bool read_routing(Connection &conn);
+    bool read_routing(RouteSocket &sock);
     RouteSocket *find_socket(const std::string &name);
     void close_all();
     void log_state();
@@ -58,7 +54,7 @@ private:
     std::string ctl_path_;
     int routing_listen_fd_ = -1;
     int control_listen_fd_ = -1;
-    std::vector<std::unique_ptr<Connection>> conns_;
+    std::vector<std::unique_ptr<RouteSocket>> conns_;
     std::vector<int> control_fds_;
     uint64_t next_id_ = 1;
     std::vector<uint8_t> rx_;
