@@ -59,7 +59,7 @@ static void print_routes(rtslib_cookie *h, uint8_t af)
 {
     rt_msg_t *rt = NULL;
     if (rtslib_rtm_get_by_type(h, af, 0, RTS_OP_GETNEXT, &rt, NULL) != 0) return;
-    while (rt->hdr.origin == 0) {
+    while (rt->hdr.error == 0) {
         rt_msg_t *next = NULL;
         printf("    %-22s next hop %u, kernel index %u\n",
                prefix_text(af, rt->prefix, rt->prefix_len, rt->plen), rt->nhidx, rt->ack_index);
@@ -93,7 +93,7 @@ static void demo_routes(rtslib_cookie *h)
     printf("  add 2001:db8::/32 via 600:                    %s\n", ok_or(rc));
 
     rc = rtslib_rtm_get_by_prefix(h, TARN_AF_INET, net10, 8, RTS_OP_GET, &rt, NULL);
-    if (rc == 0 && rt->hdr.origin == 0)
+    if (rc == 0 && rt->hdr.error == 0)
         printf("  exact lookup of 10.0.0.0/8:                   next hop %u\n", rt->nhidx);
     rtslib_msg_idl_release(h, rt);
     printf("  all IPv4 routes, in prefix order (getnext):\n");
@@ -109,7 +109,7 @@ static void demo_routes(rtslib_cookie *h)
     rc = rtslib_rtbm_add(h, "blue", 5, TARN_AF_INET, 0);
     printf("  create table \"blue\" (index 5):              %s\n", ok_or(rc));
     rc = rtslib_rtbm_get_by_name(h, TARN_AF_INET, "blue", &table, NULL);
-    if (rc == 0 && table->hdr.origin == 0)
+    if (rc == 0 && table->hdr.error == 0)
         printf("  look it up by name:                           index %u, logical router \"%s\"\n",
                table->tid, (const char *)table->lr_name);
     rtslib_msg_idl_release(h, table);

@@ -372,7 +372,7 @@ TEST(IdrEncode, HeaderFixedPartIs28BytesThenElements)
     h.op_flags = 2;
     h.msglen = 0x228;
     h.seq = 0x01020304;
-    h.origin = 0;
+    h.error = 0;
     h.hdrlen = 228;
     h.subtype = 9;
     h.info = infos;

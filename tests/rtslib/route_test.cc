@@ -247,14 +247,14 @@ TEST_F(Routes, ExactLookupFindsOnlyTheSamePrefixAndLength)
     const uint8_t p[4] = {10, 1, 0, 0};
     ASSERT_EQ(rtslib_rtm_get_by_prefix(h_, TARN_AF_INET, p, 16, RTS_OP_GET, &rt, nullptr), 0);
     ASSERT_NE(rt, nullptr);
-    EXPECT_EQ(rt->hdr.origin, 0u);
+    EXPECT_EQ(rt->hdr.error, 0u);
     EXPECT_EQ(rt->plen, 16);
     EXPECT_EQ(rt->nhidx, 7u);
     EXPECT_EQ(bytes_of(rt), (std::vector<uint8_t>{10, 1, 0, 0}));
     rtslib_msg_idl_release(h_, rt);
 
     ASSERT_EQ(rtslib_rtm_get_by_prefix(h_, TARN_AF_INET, p, 20, RTS_OP_GET, &rt, nullptr), 0);
-    EXPECT_EQ(rt->hdr.origin, 2u);  // the kernel's ENOENT
+    EXPECT_EQ(rt->hdr.error, 2u);  // the kernel's ENOENT
     rtslib_msg_idl_release(h_, rt);
     EXPECT_TRUE(reports_.reports.empty());
 }
@@ -273,7 +273,7 @@ TEST_F(Routes, GetnextWalksInPrefixOrder)
     std::vector<std::pair<std::vector<uint8_t>, uint16_t>> walked;
     rt_msg_t *rt = nullptr;
     ASSERT_EQ(rtslib_rtm_get_by_type(h_, TARN_AF_INET, 0, RTS_OP_GETNEXT, &rt, nullptr), 0);
-    while (rt->hdr.origin == 0) {
+    while (rt->hdr.error == 0) {
         auto b = bytes_of(rt);
         b.resize(4, 0);
         walked.emplace_back(b, rt->plen);
@@ -332,7 +332,7 @@ TEST_F(Routes, DeletesRemoveRoutes)
     ASSERT_EQ(rtslib_rtm_delete_prefix(h_, 0, TARN_AF_INET, 1, 0, p10, 8, 0), 0);
     rt_msg_t *rt = nullptr;
     ASSERT_EQ(rtslib_rtm_get_by_prefix(h_, TARN_AF_INET, p11, 8, RTS_OP_GET, &rt, nullptr), 0);
-    ASSERT_EQ(rt->hdr.origin, 0u);
+    ASSERT_EQ(rt->hdr.error, 0u);
     ASSERT_EQ(rtslib_rtm_delete(h_, rt), 0);  // the answer record, sent back as a delete
     rtslib_msg_idl_release(h_, rt);
     const std::string dump = command(h_->fd, "dump");
@@ -350,7 +350,7 @@ TEST_F(Routes, NamedTablesAreCreatedAndFound)
     rtb_msg_t *t = nullptr;
     ASSERT_EQ(rtslib_rtbm_get_by_name(h_, TARN_AF_INET, "blue", &t, nullptr), 0);
     ASSERT_NE(t, nullptr);
-    EXPECT_EQ(t->hdr.origin, 0u);
+    EXPECT_EQ(t->hdr.error, 0u);
     EXPECT_EQ(t->tid, 5);
     EXPECT_EQ(t->count, 1u);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(t->lr_name)), "null");
@@ -379,7 +379,7 @@ TEST_F(Routes, NamedTablesAreCreatedAndFound)
     rtslib_msg_idl_release(h_, t);
 
     ASSERT_EQ(rtslib_rtbm_get_by_name(h_, TARN_AF_INET6, "blue", &t, nullptr), 0);
-    EXPECT_EQ(t->hdr.origin, 2u);
+    EXPECT_EQ(t->hdr.error, 2u);
     rtslib_msg_idl_release(h_, t);
 }
 
@@ -431,7 +431,7 @@ TEST_F(Routes, MulticastGroupsAreLookedUp)
     mgr_msg_t *m = nullptr;
     ASSERT_EQ(rtslib_mgrm_get(h_, 0, TARN_AF_INET, g, 32, RTS_OP_GET, &m, nullptr), 0);
     ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->hdr.origin, 0u);
+    EXPECT_EQ(m->hdr.error, 0u);
     EXPECT_EQ(m->iif_index, 9u);
     rtslib_msg_idl_release(h_, m);
     ASSERT_EQ(rtslib_mgrm_get(h_, 0, TARN_AF_INET, g, 32, RTS_OP_GETNEXT, &m, nullptr), 0);

@@ -41,7 +41,7 @@ void answer_header(const rts_hdr_t &req, rts_hdr_t &ans, uint32_t error = 0)
     ans = req;
     ans.info = nullptr;
     ans.info_count = 0;
-    ans.origin = error;
+    ans.error = error;
 }
 
 }  // namespace
@@ -158,12 +158,12 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
     const bool acked = op == RTS_OP_ADD_ACK;
     PrefixKey pk;
     if (!make_prefix_key(req.prefix, req.prefix_len, req.plen, pk)) {
-        answer.hdr.origin = kErrInvalid;
+        answer.hdr.error = kErrInvalid;
         return acked || is_answered(op);
     }
     Table *t = find_table(req.tid, req.af);
     if (t == nullptr) {
-        answer.hdr.origin = kErrNoTable;
+        answer.hdr.error = kErrNoTable;
         return acked || is_answered(op);
     }
     switch (op) {
@@ -191,7 +191,7 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
         auto [it, inserted] = t->routes.try_emplace(pk, 0);
         if (!inserted) {
             ++t->refused;
-            answer.hdr.origin = kErrExists;
+            answer.hdr.error = kErrExists;
             return acked;
         }
         it->second = t->store(std::move(r));
@@ -229,7 +229,7 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
         ++t->gets;
         auto it = t->routes.find(pk);
         if (it == t->routes.end()) {
-            answer.hdr.origin = kErrNoEntry;
+            answer.hdr.error = kErrNoEntry;
             return true;
         }
         Route &r = t->slots[it->second];
@@ -242,7 +242,7 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
         // With no prefix the walk starts at the first route.
         auto it = req.plen == 0 ? t->routes.lower_bound(pk) : t->routes.upper_bound(pk);
         if (it == t->routes.end()) {
-            answer.hdr.origin = kErrNoEntry;
+            answer.hdr.error = kErrNoEntry;
             return true;
         }
         fill_route_answer(it->first, t->slots[it->second], answer);
@@ -320,7 +320,7 @@ bool Routing::table_request(const rtb_msg_t &req, rtb_msg_t &answer)
         }
     }
     if (it == tables_.end()) {
-        answer.hdr.origin = kErrNoEntry;
+        answer.hdr.error = kErrNoEntry;
         return true;
     }
     fill_table_answer(it->first, it->second, answer);
@@ -341,14 +341,14 @@ bool Routing::mgroup_request(const mgr_msg_t &req, mgr_msg_t &answer)
     if (!is_answered(req.hdr.op)) return false;
     PrefixKey group;
     if (!make_prefix_key(req.group, req.group_len, req.grp_plen, group)) {
-        answer.hdr.origin = kErrInvalid;
+        answer.hdr.error = kErrInvalid;
         return true;
     }
     const auto key = std::make_tuple(req.tid, req.af, group);
     auto it = req.hdr.op == RTS_OP_GET ? mgroups_.find(key) : mgroups_.upper_bound(key);
     if (it == mgroups_.end() || std::get<0>(it->first) != req.tid ||
         std::get<1>(it->first) != req.af) {
-        answer.hdr.origin = kErrNoEntry;
+        answer.hdr.error = kErrNoEntry;
         return true;
     }
     const PrefixKey &g = std::get<2>(it->first);
