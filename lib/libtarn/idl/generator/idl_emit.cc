@@ -94,11 +94,13 @@ void emit_record_decl(std::ostream &o, const Model &model, const Type &t)
     o << "};\n";
 }
 
-void emit_prototypes(std::ostream &o, const std::string &n, bool tlv, bool idr)
+void emit_prototypes(std::ostream &o, const std::string &n, bool tlv, bool idr, bool sizes)
 {
     if (tlv) {
-        o << "TARN_API extern const uint32_t tlv_rtti_sizeof_" << n << "_0;\n";
-        o << "TARN_API extern const uint32_t tlv_rtti_sizeof_map_" << n << "_0;\n";
+        if (sizes) {
+            o << "TARN_API extern const uint32_t tlv_rtti_sizeof_" << n << "_0;\n";
+            o << "TARN_API extern const uint32_t tlv_rtti_sizeof_map_" << n << "_0;\n";
+        }
         o << "TARN_API uint32_t tlv_encode_" << n << "_0(const " << n << "_t *rec, const " << n
           << "_map_t *map, void *out, uint32_t out_len);\n";
         o << "TARN_API int32_t tlv_decode_" << n << "_0(" << n << "_t *rec, " << n
@@ -108,7 +110,7 @@ void emit_prototypes(std::ostream &o, const std::string &n, bool tlv, bool idr)
           << "_map_t *map, tarn_idl_free_fn free_fn, void *free_ctx);\n";
     }
     if (idr) {
-        o << "TARN_API extern const uint32_t idr_rtti_sizeof_" << n << "_0;\n";
+        if (sizes) o << "TARN_API extern const uint32_t idr_rtti_sizeof_" << n << "_0;\n";
         o << "TARN_API uint32_t idr_encode_" << n << "_0(const " << n
           << "_t *rec, void *out, uint32_t out_len);\n";
         o << "TARN_API int32_t idr_decode_" << n << "_0(" << n
@@ -307,7 +309,7 @@ std::string emit_header(const Model &model)
     o << "\n";
     for (const Type *t : dependency_order(model)) {
         emit_record_decl(o, model, *t);
-        emit_prototypes(o, t->name, t->tlv, t->idr);
+        emit_prototypes(o, t->name, t->tlv, t->idr, t->sizes);
         o << "\n";
     }
     for (const Choice &c : model.choices) {
@@ -317,7 +319,7 @@ std::string emit_header(const Model &model)
           << c.name << "_t;\n";
         o << "typedef struct " << c.name << "_map_s {\n    void *member_map;\n} " << c.name
           << "_map_t;\n";
-        emit_prototypes(o, c.name, true, true);
+        emit_prototypes(o, c.name, true, true, true);
         o << "\n";
     }
     o << "TARN_END_DECLS\n\n#endif /* TARN_IDL_RECORDS_H */\n";
@@ -339,12 +341,12 @@ std::string emit_family(const Model &model, const std::string &family)
     o << "extern \"C\" {\n\n";
     for (const Type &t : model.types) {
         if (t.family != family) continue;
-        if (t.tlv) {
+        if (t.tlv && t.sizes) {
             o << "const uint32_t tlv_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
             o << "const uint32_t tlv_rtti_sizeof_map_" << t.name << "_0 = sizeof(" << t.name
               << "_map_t);\n";
         }
-        if (t.idr)
+        if (t.idr && t.sizes)
             o << "const uint32_t idr_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
         o << "\n";
         if (t.tlv) emit_tlv_functions(o, model, t);
@@ -426,7 +428,8 @@ std::string emit_test_meta(const Model &model)
               << "     [](void *r, void *m, tarn_idl_free_fn f, void *c) { tlv_release_" << n
               << "_0(static_cast<" << n << "_t *>(r), static_cast<" << n
               << "_map_t *>(m), f, c); },\n"
-              << "     &tlv_rtti_sizeof_" << n << "_0, &tlv_rtti_sizeof_map_" << n << "_0,\n";
+              << (t.sizes ? "     &tlv_rtti_sizeof_" + n + "_0, &tlv_rtti_sizeof_map_" + n + "_0,\n"
+                          : std::string("     nullptr, nullptr,\n"));
         else
             o << "     nullptr, nullptr, nullptr, nullptr, nullptr,\n";
         if (t.idr)
@@ -436,7 +439,7 @@ std::string emit_test_meta(const Model &model)
                  "return idr_decode_" << n << "_0(static_cast<" << n << "_t *>(r), in, len, a, c); },\n"
               << "     [](void *r, tarn_idl_free_fn f, void *c) { idr_release_" << n
               << "_0(static_cast<" << n << "_t *>(r), f, c); },\n"
-              << "     &idr_rtti_sizeof_" << n << "_0},\n";
+              << (t.sizes ? "     &idr_rtti_sizeof_" + n + "_0},\n" : std::string("     nullptr},\n"));
         else
             o << "     nullptr, nullptr, nullptr, nullptr},\n";
     }
