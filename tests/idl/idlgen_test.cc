@@ -171,6 +171,43 @@ TEST(IdlGen, TypesWithoutSizeObjects)
                                 "{ return idr_encode_bare_0("));
 }
 
+// A large family is split into translation units of contiguous runs of its
+// types; every type's codecs and sizes land in exactly one unit, the choice
+// table in the first.
+TEST(IdlGen, LargeFamiliesSplitIntoUnits)
+{
+    std::string text = std::string(kHeaderLike) + "choice msg header hdr limit 2\n  0 base\nend\n";
+    for (int i = 1; i <= 4; ++i)
+        text += "type extra" + std::to_string(i) + "\n  u32 v 1\nend\n";
+    Model m = parse_ok(text);  // 7 types: info hdr base extra1..extra4
+    EXPECT_EQ(family_units(m, "fam", 0), 1u);
+    EXPECT_EQ(family_units(m, "fam", 7), 1u);
+    EXPECT_EQ(family_units(m, "fam", 3), 3u);
+    EXPECT_EQ(family_units(m, "fam", 4), 2u);
+    EXPECT_EQ(family_units(m, "other", 4), 1u);
+    std::vector<std::string> units;
+    for (std::size_t u = 0; u < 2; ++u) units.push_back(emit_family(m, "fam", u, 2));
+    const char *first[] = {"info", "hdr", "base", "extra1"}, *second[] = {"extra2", "extra3", "extra4"};
+    for (const char *n : first) {
+        EXPECT_THAT(units[0], HasSubstr(std::string("uint32_t tlv_encode_") + n + "_0("));
+        EXPECT_THAT(units[0], HasSubstr(std::string("const uint32_t idr_rtti_sizeof_") + n + "_0"));
+        EXPECT_THAT(units[1], Not(HasSubstr(std::string("_") + n + "_0(")));
+    }
+    for (const char *n : second) {
+        EXPECT_THAT(units[1], HasSubstr(std::string("int32_t idr_decode_") + n + "_0("));
+        EXPECT_THAT(units[1], HasSubstr(std::string("static_assert(sizeof(") + n + "_t) == 4"));
+        EXPECT_THAT(units[0], Not(HasSubstr(std::string("_") + n + "_0(")));
+    }
+    EXPECT_THAT(units[0], HasSubstr("msg_members[2]"));
+    EXPECT_THAT(units[0], HasSubstr("const uint32_t tlv_rtti_sizeof_msg_0"));
+    EXPECT_THAT(units[1], Not(HasSubstr("msg_")));
+    EXPECT_THAT(units[1], HasSubstr("codecs of family fam, part 2 of 2"));
+    // Unsplit, the one unit is what the two hold together.
+    std::string whole = emit_family(m, "fam");
+    for (const char *n : {"info", "extra4"})
+        EXPECT_THAT(whole, HasSubstr(std::string("void idr_release_") + n + "_0("));
+}
+
 struct BadCase {
     const char *text;
     const char *message;

@@ -326,21 +326,41 @@ std::string emit_header(const Model &model)
     return o.str();
 }
 
-std::string emit_family(const Model &model, const std::string &family)
+std::size_t family_units(const Model &model, const std::string &family, std::size_t types_per_unit)
 {
+    std::size_t n = 0;
+    for (const Type &t : model.types) n += t.family == family;
+    if (types_per_unit == 0 || n <= types_per_unit) return 1;
+    return (n + types_per_unit - 1) / types_per_unit;
+}
+
+std::string emit_family(const Model &model, const std::string &family, std::size_t unit,
+                        std::size_t units)
+{
+    std::set<const Type *> mine;
+    {
+        std::vector<const Type *> all;
+        for (const Type &t : model.types)
+            if (t.family == family) all.push_back(&t);
+        std::size_t per = units ? (all.size() + units - 1) / units : all.size();
+        for (std::size_t i = unit * per; i < all.size() && i < (unit + 1) * per; ++i)
+            mine.insert(all[i]);
+    }
     std::ostringstream o;
-    o << stamp("codecs of family " + family);
+    o << stamp(units > 1 ? "codecs of family " + family + ", part " + std::to_string(unit + 1) +
+                               " of " + std::to_string(units)
+                         : "codecs of family " + family);
     o << "#include <cstddef>\n\n#include <tarn/idl_records.h>\n\n#include \"libtarn/idl/runtime.h\"\n\n";
     o << "static_assert(tarn::idl::kRuntimeVersion == " << kRuntimeVersion
       << ", \"generated for another codec runtime\");\n\n";
     o << "namespace idl = tarn::idl;\n\n";
     o << "#if UINTPTR_MAX == 0xffffffffu\n";
     for (const Type &t : model.types)
-        if (t.family == family) emit_target_checks(o, model, t);
+        if (mine.count(&t)) emit_target_checks(o, model, t);
     o << "#endif\n\n";
     o << "extern \"C\" {\n\n";
     for (const Type &t : model.types) {
-        if (t.family != family) continue;
+        if (!mine.count(&t)) continue;
         if (t.tlv && t.sizes) {
             o << "const uint32_t tlv_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
             o << "const uint32_t tlv_rtti_sizeof_map_" << t.name << "_0 = sizeof(" << t.name
@@ -353,7 +373,7 @@ std::string emit_family(const Model &model, const std::string &family)
         if (t.idr) emit_idr_functions(o, model, t);
     }
     for (const Choice &c : model.choices) {
-        if (c.family != family) continue;
+        if (c.family != family || unit != 0) continue;
         o << "const uint32_t tlv_rtti_sizeof_" << c.name << "_0 = sizeof(" << c.name << "_t);\n";
         o << "const uint32_t tlv_rtti_sizeof_map_" << c.name << "_0 = sizeof(" << c.name
           << "_map_t);\n";
@@ -361,7 +381,7 @@ std::string emit_family(const Model &model, const std::string &family)
     }
     o << "\n}  // extern \"C\"\n";
     for (const Choice &c : model.choices) {
-        if (c.family != family) continue;
+        if (c.family != family || unit != 0) continue;
         o << "\nnamespace {\n\nconst idl::ChoiceMember *const " << c.name << "_members["
           << c.limit << "] = {\n";
         for (uint32_t d = 0; d < c.limit; ++d) {
