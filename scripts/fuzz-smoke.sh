@@ -5,7 +5,7 @@
 # tree stay as they are.
 #
 #   scripts/fuzz-smoke.sh [target ...]      default: every target below
-#   FUZZ_SECONDS=n                          seconds per target (default 30)
+#   FUZZ_SECONDS=n                          seconds per target (default 25)
 set -euo pipefail
 
 # Every fuzz target of the project; add new ones here.
@@ -14,8 +14,9 @@ TARGETS=(
   itable_fuzz
   fuzz_idl_tlv_envelope
   fuzz_idl_idr_envelope
+  fuzz_idl_records
 )
-SECONDS_PER_TARGET=${FUZZ_SECONDS:-30}
+SECONDS_PER_TARGET=${FUZZ_SECONDS:-25}
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$root/build/fuzz

@@ -137,6 +137,77 @@ TEST(IdlGen, EncodingSetsAndChoices)
     EXPECT_THAT(h, HasSubstr("typedef struct msg_s {\n    uint32_t type;\n    void *member;\n} msg_t;"));
 }
 
+// "no-sizes" drops the exported size objects and nothing else; it combines
+// with an encoding set in either order.
+TEST(IdlGen, TypesWithoutSizeObjects)
+{
+    Model m = parse_ok(std::string(kHeaderLike) +
+                       "type bare no-sizes\n  u32 a 1\nend\n"
+                       "type bare_tlv no-sizes tlv-only\n  u8 a 1\nend\n"
+                       "type sized_tlv tlv-only\n  u8 a 1\nend\n");
+    ASSERT_EQ(m.types.size(), 6u);
+    EXPECT_FALSE(m.types[3].sizes);
+    EXPECT_TRUE(m.types[3].tlv && m.types[3].idr);
+    EXPECT_FALSE(m.types[4].sizes);
+    EXPECT_TRUE(m.types[4].tlv && !m.types[4].idr);
+    EXPECT_TRUE(m.types[5].sizes);
+    for (const std::string &text : {emit_family(m, "fam"), emit_header(m), emit_test_meta(m)}) {
+        EXPECT_THAT(text, Not(HasSubstr("rtti_sizeof_bare_0")));
+        EXPECT_THAT(text, Not(HasSubstr("rtti_sizeof_map_bare_0")));
+        EXPECT_THAT(text, Not(HasSubstr("rtti_sizeof_bare_tlv_0")));
+        EXPECT_THAT(text, Not(HasSubstr("rtti_sizeof_map_bare_tlv_0")));
+    }
+    std::string src = emit_family(m, "fam");
+    EXPECT_THAT(src, HasSubstr("uint32_t tlv_encode_bare_0("));
+    EXPECT_THAT(src, HasSubstr("uint32_t idr_encode_bare_0("));
+    EXPECT_THAT(src, HasSubstr("void tlv_release_bare_tlv_0("));
+    EXPECT_THAT(src, HasSubstr("const uint32_t tlv_rtti_sizeof_sized_tlv_0 = sizeof(sized_tlv_t);\n"));
+    EXPECT_THAT(src, HasSubstr("const uint32_t tlv_rtti_sizeof_map_hdr_0 = sizeof(hdr_map_t);\n"));
+    EXPECT_THAT(src, HasSubstr("const uint32_t idr_rtti_sizeof_hdr_0 = sizeof(hdr_t);\n"));
+    // The test metadata hands the tests null size pointers for such a type.
+    std::string meta = emit_test_meta(m);
+    EXPECT_THAT(meta, HasSubstr("\"bare\", \"fam\""));
+    EXPECT_THAT(meta, HasSubstr("     nullptr, nullptr,\n     [](const void *r, void *out, uint32_t len) "
+                                "{ return idr_encode_bare_0("));
+}
+
+// A large family is split into translation units of contiguous runs of its
+// types; every type's codecs and sizes land in exactly one unit, the choice
+// table in the first.
+TEST(IdlGen, LargeFamiliesSplitIntoUnits)
+{
+    std::string text = std::string(kHeaderLike) + "choice msg header hdr limit 2\n  0 base\nend\n";
+    for (int i = 1; i <= 4; ++i)
+        text += "type extra" + std::to_string(i) + "\n  u32 v 1\nend\n";
+    Model m = parse_ok(text);  // 7 types: info hdr base extra1..extra4
+    EXPECT_EQ(family_units(m, "fam", 0), 1u);
+    EXPECT_EQ(family_units(m, "fam", 7), 1u);
+    EXPECT_EQ(family_units(m, "fam", 3), 3u);
+    EXPECT_EQ(family_units(m, "fam", 4), 2u);
+    EXPECT_EQ(family_units(m, "other", 4), 1u);
+    std::vector<std::string> units;
+    for (std::size_t u = 0; u < 2; ++u) units.push_back(emit_family(m, "fam", u, 2));
+    const char *first[] = {"info", "hdr", "base", "extra1"}, *second[] = {"extra2", "extra3", "extra4"};
+    for (const char *n : first) {
+        EXPECT_THAT(units[0], HasSubstr(std::string("uint32_t tlv_encode_") + n + "_0("));
+        EXPECT_THAT(units[0], HasSubstr(std::string("const uint32_t idr_rtti_sizeof_") + n + "_0"));
+        EXPECT_THAT(units[1], Not(HasSubstr(std::string("_") + n + "_0(")));
+    }
+    for (const char *n : second) {
+        EXPECT_THAT(units[1], HasSubstr(std::string("int32_t idr_decode_") + n + "_0("));
+        EXPECT_THAT(units[1], HasSubstr(std::string("static_assert(sizeof(") + n + "_t) == 4"));
+        EXPECT_THAT(units[0], Not(HasSubstr(std::string("_") + n + "_0(")));
+    }
+    EXPECT_THAT(units[0], HasSubstr("msg_members[2]"));
+    EXPECT_THAT(units[0], HasSubstr("const uint32_t tlv_rtti_sizeof_msg_0"));
+    EXPECT_THAT(units[1], Not(HasSubstr("msg_")));
+    EXPECT_THAT(units[1], HasSubstr("codecs of family fam, part 2 of 2"));
+    // Unsplit, the one unit is what the two hold together.
+    std::string whole = emit_family(m, "fam");
+    for (const char *n : {"info", "extra4"})
+        EXPECT_THAT(whole, HasSubstr(std::string("void idr_release_") + n + "_0("));
+}
+
 struct BadCase {
     const char *text;
     const char *message;
@@ -161,6 +232,11 @@ TEST(IdlGen, DiagnosesBadDescriptions)
         {"type h\n  u8 a 1\nend\ntype m\n  u8 a 1\nend\nchoice c header h limit 2\n  1 m\nend\n",
          "does not begin with a h record"},
         {"type h\n  u8 a 1\nend\nchoice c header h limit 2\n  2 h\nend\n", "not below the choice's limit"},
+        {"type t no-sizes no-sizes\n  u8 a 1\nend\n", "unknown or repeated type option 'no-sizes'"},
+        {"type t tlv-only idr-only\n  u8 a 1\nend\n", "unknown or repeated type option 'idr-only'"},
+        {"type t sizeless\n  u8 a 1\nend\n", "unknown or repeated type option 'sizeless'"},
+        {"type h\n  u8 a 1\nend\ntype m no-sizes\n  record h x 1\nend\nchoice c header h limit 2\n  1 m\nend\n",
+         "member m has no size objects"},
     };
     for (const BadCase &c : cases) {
         std::vector<std::string> errors = errors_of(c.text);

@@ -1,8 +1,12 @@
-// Writes the seed corpora of the envelope fuzz targets: for every member of
-// rts_msg, a few random records encoded by the library's own encoders.
+// Writes the seed corpora of the codec fuzz targets, from random records
+// encoded by the library's own encoders: for the envelope targets one message
+// per member of rts_msg; for the per-type target one input per type and
+// encoding (the type's name, a NUL, the mode byte, the body), so every type the
+// generator knows is seeded.
 //
-//   idl_make_fuzz_corpus TLV_DIR IDR_DIR
+//   idl_make_fuzz_corpus TLV_DIR IDR_DIR RECORDS_DIR
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -27,13 +31,14 @@ void write(const fs::path &p, const std::vector<uint8_t> &b)
 
 int main(int argc, char **argv)
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s TLV_DIR IDR_DIR\n", argv[0]);
+    if (argc != 4) {
+        std::fprintf(stderr, "usage: %s TLV_DIR IDR_DIR RECORDS_DIR\n", argv[0]);
         return 2;
     }
-    fs::path tlv_dir = argv[1], idr_dir = argv[2];
+    fs::path tlv_dir = argv[1], idr_dir = argv[2], records_dir = argv[3];
     fs::create_directories(tlv_dir);
     fs::create_directories(idr_dir);
+    fs::create_directories(records_dir);
     std::mt19937 rng(2026);
     for (std::size_t i = 0; i < idlmeta::choice_member_count; ++i) {
         const idlmeta::ChoiceEntry &c = idlmeta::choice_members[i];
@@ -50,6 +55,31 @@ int main(int argc, char **argv)
         b.assign(idr_encode_rts_msg_0(&msg, nullptr, 0), 0);
         idr_encode_rts_msg_0(&msg, b.data(), static_cast<uint32_t>(b.size()));
         write(idr_dir / (std::string(t.name) + ".bin"), b);
+    }
+    // Nested arrays start deeper here so that the per-type seeds stay small.
+    for (std::size_t i = 0; i < idlmeta::type_count; ++i) {
+        const idlmeta::Type &t = idlmeta::types[i];
+        std::vector<uint8_t> prefix(t.name, t.name + std::strlen(t.name) + 1);
+        if (t.tlv_encode) {
+            Pool pool;
+            RandomRecord r = random_record(t, rng, pool, true, 3);
+            std::vector<uint8_t> b = prefix;
+            b.push_back(0);
+            std::size_t at = b.size();
+            b.resize(at + t.tlv_encode(r.rec, r.map, nullptr, 0));
+            t.tlv_encode(r.rec, r.map, b.data() + at, static_cast<uint32_t>(b.size() - at));
+            write(records_dir / (std::string(t.name) + ".tlv"), b);
+        }
+        if (t.idr_encode) {
+            Pool pool;
+            RandomRecord r = random_record(t, rng, pool, false, 3);
+            std::vector<uint8_t> b = prefix;
+            b.push_back(1);
+            std::size_t at = b.size();
+            b.resize(at + t.idr_encode(r.rec, nullptr, 0));
+            t.idr_encode(r.rec, b.data() + at, static_cast<uint32_t>(b.size() - at));
+            write(records_dir / (std::string(t.name) + ".idr"), b);
+        }
     }
     return 0;
 }

@@ -94,11 +94,13 @@ void emit_record_decl(std::ostream &o, const Model &model, const Type &t)
     o << "};\n";
 }
 
-void emit_prototypes(std::ostream &o, const std::string &n, bool tlv, bool idr)
+void emit_prototypes(std::ostream &o, const std::string &n, bool tlv, bool idr, bool sizes)
 {
     if (tlv) {
-        o << "TARN_API extern const uint32_t tlv_rtti_sizeof_" << n << "_0;\n";
-        o << "TARN_API extern const uint32_t tlv_rtti_sizeof_map_" << n << "_0;\n";
+        if (sizes) {
+            o << "TARN_API extern const uint32_t tlv_rtti_sizeof_" << n << "_0;\n";
+            o << "TARN_API extern const uint32_t tlv_rtti_sizeof_map_" << n << "_0;\n";
+        }
         o << "TARN_API uint32_t tlv_encode_" << n << "_0(const " << n << "_t *rec, const " << n
           << "_map_t *map, void *out, uint32_t out_len);\n";
         o << "TARN_API int32_t tlv_decode_" << n << "_0(" << n << "_t *rec, " << n
@@ -108,7 +110,7 @@ void emit_prototypes(std::ostream &o, const std::string &n, bool tlv, bool idr)
           << "_map_t *map, tarn_idl_free_fn free_fn, void *free_ctx);\n";
     }
     if (idr) {
-        o << "TARN_API extern const uint32_t idr_rtti_sizeof_" << n << "_0;\n";
+        if (sizes) o << "TARN_API extern const uint32_t idr_rtti_sizeof_" << n << "_0;\n";
         o << "TARN_API uint32_t idr_encode_" << n << "_0(const " << n
           << "_t *rec, void *out, uint32_t out_len);\n";
         o << "TARN_API int32_t idr_decode_" << n << "_0(" << n
@@ -307,7 +309,7 @@ std::string emit_header(const Model &model)
     o << "\n";
     for (const Type *t : dependency_order(model)) {
         emit_record_decl(o, model, *t);
-        emit_prototypes(o, t->name, t->tlv, t->idr);
+        emit_prototypes(o, t->name, t->tlv, t->idr, t->sizes);
         o << "\n";
     }
     for (const Choice &c : model.choices) {
@@ -317,41 +319,61 @@ std::string emit_header(const Model &model)
           << c.name << "_t;\n";
         o << "typedef struct " << c.name << "_map_s {\n    void *member_map;\n} " << c.name
           << "_map_t;\n";
-        emit_prototypes(o, c.name, true, true);
+        emit_prototypes(o, c.name, true, true, true);
         o << "\n";
     }
     o << "TARN_END_DECLS\n\n#endif /* TARN_IDL_RECORDS_H */\n";
     return o.str();
 }
 
-std::string emit_family(const Model &model, const std::string &family)
+std::size_t family_units(const Model &model, const std::string &family, std::size_t types_per_unit)
 {
+    std::size_t n = 0;
+    for (const Type &t : model.types) n += t.family == family;
+    if (types_per_unit == 0 || n <= types_per_unit) return 1;
+    return (n + types_per_unit - 1) / types_per_unit;
+}
+
+std::string emit_family(const Model &model, const std::string &family, std::size_t unit,
+                        std::size_t units)
+{
+    std::set<const Type *> mine;
+    {
+        std::vector<const Type *> all;
+        for (const Type &t : model.types)
+            if (t.family == family) all.push_back(&t);
+        std::size_t per = units ? (all.size() + units - 1) / units : all.size();
+        for (std::size_t i = unit * per; i < all.size() && i < (unit + 1) * per; ++i)
+            mine.insert(all[i]);
+    }
     std::ostringstream o;
-    o << stamp("codecs of family " + family);
+    o << stamp(units > 1 ? "codecs of family " + family + ", part " + std::to_string(unit + 1) +
+                               " of " + std::to_string(units)
+                         : "codecs of family " + family);
     o << "#include <cstddef>\n\n#include <tarn/idl_records.h>\n\n#include \"libtarn/idl/runtime.h\"\n\n";
     o << "static_assert(tarn::idl::kRuntimeVersion == " << kRuntimeVersion
       << ", \"generated for another codec runtime\");\n\n";
     o << "namespace idl = tarn::idl;\n\n";
     o << "#if UINTPTR_MAX == 0xffffffffu\n";
     for (const Type &t : model.types)
-        if (t.family == family) emit_target_checks(o, model, t);
+        if (mine.count(&t)) emit_target_checks(o, model, t);
     o << "#endif\n\n";
     o << "extern \"C\" {\n\n";
     for (const Type &t : model.types) {
-        if (t.family != family) continue;
-        if (t.tlv) {
+        if (!mine.count(&t)) continue;
+        if (t.tlv && t.sizes) {
             o << "const uint32_t tlv_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
             o << "const uint32_t tlv_rtti_sizeof_map_" << t.name << "_0 = sizeof(" << t.name
               << "_map_t);\n";
         }
-        if (t.idr)
+        if (t.idr && t.sizes)
             o << "const uint32_t idr_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
         o << "\n";
         if (t.tlv) emit_tlv_functions(o, model, t);
         if (t.idr) emit_idr_functions(o, model, t);
     }
     for (const Choice &c : model.choices) {
-        if (c.family != family) continue;
+        if (c.family != family || unit != 0) continue;
         o << "const uint32_t tlv_rtti_sizeof_" << c.name << "_0 = sizeof(" << c.name << "_t);\n";
         o << "const uint32_t tlv_rtti_sizeof_map_" << c.name << "_0 = sizeof(" << c.name
           << "_map_t);\n";
@@ -359,7 +381,7 @@ std::string emit_family(const Model &model, const std::string &family)
     }
     o << "\n}  // extern \"C\"\n";
     for (const Choice &c : model.choices) {
-        if (c.family != family) continue;
+        if (c.family != family || unit != 0) continue;
         o << "\nnamespace {\n\nconst idl::ChoiceMember *const " << c.name << "_members["
           << c.limit << "] = {\n";
         for (uint32_t d = 0; d < c.limit; ++d) {
@@ -426,7 +448,8 @@ std::string emit_test_meta(const Model &model)
               << "     [](void *r, void *m, tarn_idl_free_fn f, void *c) { tlv_release_" << n
               << "_0(static_cast<" << n << "_t *>(r), static_cast<" << n
               << "_map_t *>(m), f, c); },\n"
-              << "     &tlv_rtti_sizeof_" << n << "_0, &tlv_rtti_sizeof_map_" << n << "_0,\n";
+              << (t.sizes ? "     &tlv_rtti_sizeof_" + n + "_0, &tlv_rtti_sizeof_map_" + n + "_0,\n"
+                          : std::string("     nullptr, nullptr,\n"));
         else
             o << "     nullptr, nullptr, nullptr, nullptr, nullptr,\n";
         if (t.idr)
@@ -436,7 +459,7 @@ std::string emit_test_meta(const Model &model)
                  "return idr_decode_" << n << "_0(static_cast<" << n << "_t *>(r), in, len, a, c); },\n"
               << "     [](void *r, tarn_idl_free_fn f, void *c) { idr_release_" << n
               << "_0(static_cast<" << n << "_t *>(r), f, c); },\n"
-              << "     &idr_rtti_sizeof_" << n << "_0},\n";
+              << (t.sizes ? "     &idr_rtti_sizeof_" + n + "_0},\n" : std::string("     nullptr},\n"));
         else
             o << "     nullptr, nullptr, nullptr, nullptr},\n";
     }

@@ -4,6 +4,7 @@
 #ifndef TARN_IDLGEN_IDL_EMIT_H
 #define TARN_IDLGEN_IDL_EMIT_H
 
+#include <cstddef>
 #include <string>
 
 #include "idl_model.h"
@@ -11,7 +12,12 @@
 namespace tarn::idlgen {
 
 std::string emit_header(const Model &model);
-std::string emit_family(const Model &model, const std::string &family);
+// A family's codecs go to `units` translation units (family_units() of them),
+// so that a large family compiles in parallel: unit u holds a contiguous run of
+// the family's types in file order, and unit 0 also its choices.
+std::size_t family_units(const Model &model, const std::string &family, std::size_t types_per_unit);
+std::string emit_family(const Model &model, const std::string &family, std::size_t unit = 0,
+                        std::size_t units = 1);
 std::string emit_test_meta(const Model &model);
 // One line per type: name, target record size, target map size.
 std::string emit_size_report(const Model &model);

@@ -141,18 +141,24 @@ void parse_description(const std::string &text, const std::string &family,
             continue;
         }
         if (w[0] == "type") {
-            if (w.size() < 2 || w.size() > 3 || !is_identifier(w[1])) {
-                error("expected 'type <name> [tlv-only|idr-only]'");
+            if (w.size() < 2 || w.size() > 4 || !is_identifier(w[1])) {
+                error("expected 'type <name> [tlv-only|idr-only] [no-sizes]'");
                 continue;
             }
             Type t;
             t.name = w[1];
             t.family = family;
             t.line = lineno;
-            if (w.size() == 3) {
-                if (w[2] == "tlv-only") t.idr = false;
-                else if (w[2] == "idr-only") t.tlv = false;
-                else error("unknown encoding set '" + w[2] + "'");
+            bool encodings_given = false;
+            for (std::size_t i = 2; i < w.size(); ++i) {
+                if ((w[i] == "tlv-only" || w[i] == "idr-only") && !encodings_given) {
+                    encodings_given = true;
+                    (w[i] == "tlv-only" ? t.idr : t.tlv) = false;
+                } else if (w[i] == "no-sizes" && t.sizes) {
+                    t.sizes = false;
+                } else {
+                    error("unknown or repeated type option '" + w[i] + "'");
+                }
             }
             model.types.push_back(t);
             open_type = &model.types.back();
@@ -223,6 +229,10 @@ void check_model(const Model &model, std::vector<std::string> &errors)
             if (!m->tlv || !m->idr)
                 errors.push_back("choice " + c.name + ": member " + member +
                                  " needs both encodings");
+            // The envelope sizes a member's allocation from its exported size.
+            if (!m->sizes)
+                errors.push_back("choice " + c.name + ": member " + member +
+                                 " has no size objects");
         }
     }
     // Records nest by value, so a cycle through record fields cannot be laid

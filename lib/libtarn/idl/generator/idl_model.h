@@ -2,7 +2,8 @@
 //
 // A description file holds records and choices:
 //
-//   type rts_hdr                  # both encodings; "tlv-only" / "idr-only" after the name
+//   type rts_hdr                  # both encodings; "tlv-only" / "idr-only" after the name;
+//                                 # "no-sizes" drops the exported rtti_sizeof objects
 //     u32    magic      1         # scalar: u8 u16 u32 u64, name, TLV tag
 //     bytes  prefix     17        # byte string: pointer + <name>_len
 //     record rts_hdr    hdr   1   # nested record held inline
@@ -47,6 +48,7 @@ struct Type {
     std::string family;  // the description file's stem
     bool tlv = true;
     bool idr = true;
+    bool sizes = true;  // exports tlv_rtti_sizeof_* / idr_rtti_sizeof_*
     std::vector<Field> fields;
     int line = 0;
 };

@@ -1,10 +1,14 @@
 // tarn-idlgen: turns the type descriptions into the record header, one codec
 // translation unit per family and the test metadata.
 //
-//   tarn-idlgen --header H --out-dir D [--meta M] [--sizes] FAMILY.idl...
+//   tarn-idlgen --header H --out-dir D [--meta M] [--types-per-unit N] [--sizes] FAMILY.idl...
 //
-// D receives <family>_codec.cc for every description. Files are rewritten only
-// when their content changes, so an unchanged family is not recompiled.
+// D receives <family>_codec.cc for every description; with --types-per-unit a
+// family of more than N types is split into <family>_codec.cc,
+// <family>_codec_2.cc, ... of at most N types each (the build computes the
+// same names from the descriptions). Files are rewritten only when their
+// content changes, so an unchanged family is not recompiled.
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -34,7 +38,8 @@ bool write_if_changed(const fs::path &path, const std::string &text)
 
 int usage()
 {
-    std::cerr << "usage: tarn-idlgen --header H --out-dir D [--meta M] [--sizes] FAMILY.idl...\n";
+    std::cerr << "usage: tarn-idlgen --header H --out-dir D [--meta M] [--types-per-unit N] "
+                 "[--sizes] FAMILY.idl...\n";
     return 2;
 }
 
@@ -44,12 +49,18 @@ int main(int argc, char **argv)
 {
     fs::path header, out_dir, meta;
     bool sizes = false;
+    std::size_t types_per_unit = 0;
     std::vector<fs::path> inputs;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         if ((a == "--header" || a == "--out-dir" || a == "--meta") && i + 1 < argc) {
             fs::path v = argv[++i];
             (a == "--header" ? header : a == "--out-dir" ? out_dir : meta) = v;
+        } else if (a == "--types-per-unit" && i + 1 < argc) {
+            char *end = nullptr;
+            unsigned long n = std::strtoul(argv[++i], &end, 10);
+            if (!end || *end != '\0' || n == 0) return usage();
+            types_per_unit = n;
         } else if (a == "--sizes") {
             sizes = true;
         } else if (!a.empty() && a[0] == '-') {
@@ -82,8 +93,13 @@ int main(int argc, char **argv)
         if (header.empty()) return 0;
     }
     bool ok = write_if_changed(header, emit_header(model));
-    for (const std::string &fam : model.families)
-        ok = write_if_changed(out_dir / (fam + "_codec.cc"), emit_family(model, fam)) && ok;
+    for (const std::string &fam : model.families) {
+        std::size_t units = family_units(model, fam, types_per_unit);
+        for (std::size_t u = 0; u < units; ++u) {
+            std::string name = fam + "_codec" + (u ? "_" + std::to_string(u + 1) : "") + ".cc";
+            ok = write_if_changed(out_dir / name, emit_family(model, fam, u, units)) && ok;
+        }
+    }
     if (!meta.empty()) ok = write_if_changed(meta, emit_test_meta(model)) && ok;
     if (!ok) {
         std::cerr << "tarn-idlgen: cannot write the output\n";
