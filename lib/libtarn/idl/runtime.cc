@@ -1,6 +1,19 @@
 #include "libtarn/idl/runtime.h"
 
 namespace tarn::idl {
+namespace {
+
+// A zero-filled block from the caller's allocator, or nullptr when there is
+// no allocator, the size does not fit its 32-bit argument, or it fails.
+void *obtain_zeroed(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
+{
+    if (!alloc || size > UINT32_MAX) return nullptr;
+    void *p = alloc(static_cast<uint32_t>(size), ctx);
+    if (p) std::memset(p, 0, size);
+    return p;
+}
+
+}  // namespace
 
 // An item is whole when its header and value lie inside the input.
 bool TlvDecoder::read_item(uint64_t at)
@@ -57,13 +70,8 @@ bool TlvDecoder::next_in_run()
 
 void *TlvDecoder::obtain(uint64_t size)
 {
-    void *p = nullptr;
-    if (alloc_ && size <= UINT32_MAX) p = alloc_(static_cast<uint32_t>(size), alloc_ctx_);
-    if (!p) {
-        fail(TARN_IDL_E_ALLOC);
-        return nullptr;
-    }
-    std::memset(p, 0, size);
+    void *p = obtain_zeroed(alloc_, alloc_ctx_, size);
+    if (!p) fail(TARN_IDL_E_ALLOC);
     return p;
 }
 
@@ -85,13 +93,8 @@ void TlvDecoder::bytes(unsigned bit, uint8_t **ptr, uint32_t *len)
 
 void *IdrDecoder::obtain(uint64_t size)
 {
-    void *p = nullptr;
-    if (alloc_ && size <= UINT32_MAX) p = alloc_(static_cast<uint32_t>(size), alloc_ctx_);
-    if (!p) {
-        fail(TARN_IDL_E_ALLOC);
-        return nullptr;
-    }
-    std::memset(p, 0, size);
+    void *p = obtain_zeroed(alloc_, alloc_ctx_, size);
+    if (!p) fail(TARN_IDL_E_ALLOC);
     return p;
 }
 

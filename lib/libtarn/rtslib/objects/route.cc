@@ -10,10 +10,16 @@ namespace {
 
 using tarn::RequestBuffer;
 
-rt_msg_t *new_route(rtslib_cookie *h, RequestBuffer &rb, uint8_t op)
+// A route request with the fields every request sets.
+rt_msg_t *new_route(rtslib_cookie *h, RequestBuffer &rb, uint8_t op, uint16_t tid, uint8_t af,
+                    uint8_t type, uint32_t flags)
 {
     auto *rt = rb.record<rt_msg_t>();
     tarn::stamp_header(h, rt->hdr, RTS_ROUTE_VERSION, RTS_MSG_ROUTE, op, RTS_ROUTE_FIXED_LEN);
+    rt->tid = tid;
+    rt->af = af;
+    rt->type = type;
+    rt->flags = flags;
     return rt;
 }
 
@@ -89,18 +95,15 @@ int rtslib_rtm_add(rtslib_cookie *h, uint16_t tid, uint8_t af, uint8_t type, uin
     if (h == nullptr || (prefix == nullptr && plen > 0)) return EINVAL;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rt_msg_t *rt = new_route(h, rb, ack_index != nullptr ? RTS_OP_ADD_ACK : RTS_OP_ADD);
+    rt_msg_t *rt = new_route(h, rb, ack_index != nullptr ? RTS_OP_ADD_ACK : RTS_OP_ADD, tid, af,
+                             type, flags);
     if (ack_index != nullptr) rt->hdr.op_flags = RTS_OP_FLAG_ACK;
-    rt->tid = tid;
-    rt->af = af;
-    rt->type = type;
     rt->nh = nh;
     rt->nhflags = nhflags;
     rt->lookup_flags = byte47;
     rt->instance_id = word1;
     rt->nhidx = nhidx;
     rt->owner_id = word2;
-    rt->flags = flags;
     rt->route_tag = word3;
     if (!set_prefix(rb, rt, prefix, plen)) return EINVAL;
     if (source != nullptr && source->sa_len > 0 && !set_source(rb, rt, source)) return EINVAL;
@@ -133,11 +136,7 @@ int rtslib_rtm_delete_prefix(rtslib_cookie *h, uint16_t tid, uint8_t af, uint8_t
     if (h == nullptr || (prefix == nullptr && plen > 0)) return EINVAL;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rt_msg_t *rt = new_route(h, rb, RTS_OP_DELETE);
-    rt->tid = tid;
-    rt->af = af;
-    rt->type = type;
-    rt->flags = flags;
+    rt_msg_t *rt = new_route(h, rb, RTS_OP_DELETE, tid, af, type, flags);
     rt->owner_id = word2;
     if (!set_prefix(rb, rt, prefix, plen)) return EINVAL;
     return rtslib_msg_write_idl(h, rt, nullptr);
@@ -153,11 +152,7 @@ int rtslib_rtm_get(rtslib_cookie *h, uint16_t tid, uint8_t af, const uint8_t *pr
     if (h == nullptr || (prefix == nullptr && plen > 0)) return EINVAL;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rt_msg_t *rt = new_route(h, rb, op);
-    rt->tid = tid;
-    rt->af = af;
-    rt->type = type;
-    rt->flags = flags;
+    rt_msg_t *rt = new_route(h, rb, op, tid, af, type, flags);
     rt->instance_id = word1;
     rt->lookup_flags = byte47;
     if (plen > 0 && !set_prefix(rb, rt, prefix, plen)) return EINVAL;
