@@ -13,6 +13,7 @@ PACKAGES=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libev-dev libabsl-dev libabsl-dev:i386 zlib1g-dev libzstd-dev
   libprotobuf-c-dev protobuf-c-compiler
+  qemu-user ccache
 )
 
 missing=()
