@@ -134,4 +134,36 @@ TEST_F(EventlibDescriptors, FinishedWaitsComeFirstInOrderAndOnce) {
   EXPECT_EQ(evDo(ctx, &tag1), -1);
 }
 
+struct Racer {
+  std::vector<std::string> *log;
+  std::string name;
+  evFileID id;
+  const void *tag;
+  bool *fired_tag;
+};
+
+void race(evContext ctx, void *uap, int, int) {
+  auto *r = static_cast<Racer *>(uap);
+  r->log->push_back(r->name);
+  if (!*r->fired_tag) {
+    *r->fired_tag = true;
+    EXPECT_EQ(evDo(ctx, r->tag), 0);
+  }
+  EXPECT_EQ(evDeselectFD(ctx, r->id), 0);
+}
+
+TEST_F(EventlibDescriptors, AWaitFinishedByACallbackOvertakesCollectedEvents) {
+  int tag = 0;
+  bool fired = false;
+  WaitLog w{&log, "wait"};
+  Racer r0{&log, "fd", {}, &tag, &fired}, r1{&log, "fd", {}, &tag, &fired};
+  ASSERT_EQ(evWaitFor(ctx, &tag, log_wait, &w, nullptr), 0);
+  ASSERT_EQ(evSelectFD(ctx, sv[0], EV_WRITE, race, &r0, &r0.id), 0);
+  ASSERT_EQ(evSelectFD(ctx, sv[1], EV_WRITE, race, &r1, &r1.id), 0);
+  errno = 0;
+  EXPECT_EQ(evMainLoop(ctx), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(log, (std::vector<std::string>{"fd", "wait", "fd"}));
+}
+
 }  // namespace
