@@ -12,13 +12,15 @@ struct TimeCase {
 
 TEST(EventlibTime, ArithmeticNormalizesAndClamps) {
   const TimeCase cases[] = {
-      {"cons carries nanoseconds", evConsTime(1, 2500000000L), 3, 500000000L},
+      {"cons carries nanoseconds", evConsTime(1, 1500000000L), 2, 500000000L},
       {"cons borrows negative nanoseconds", evConsTime(2, -1), 1, 999999999L},
       {"add carries", evAddTime(evConsTime(1, 600000000L), evConsTime(2, 700000000L)), 4, 300000000L},
       {"sub borrows", evSubTime(evConsTime(5, 100), evConsTime(2, 200)), 2, 999999900L},
       {"sub of equal times", evSubTime(evConsTime(5, 7), evConsTime(5, 7)), 0, 0},
       {"sub clamps a negative difference", evSubTime(evConsTime(1, 0), evConsTime(1, 1)), 0, 0},
+      {"add folds stray operands", evAddTime(evConsTime(0, 0), timespec{1, 2100000000L}), 3, 100000000L},
       {"timespec from timeval", evTimeSpec(timeval{7, 123456}), 7, 123456000L},
+      {"timespec from an unfolded timeval", evTimeSpec(timeval{1, 3000001}), 4, 1000L},
   };
   for (const auto &c : cases) {
     EXPECT_EQ(c.got.tv_sec, c.sec) << c.what;
