@@ -71,6 +71,7 @@ volatile sig_atomic_t g_outside_hits = 0;
 void outside_handler(int) { g_outside_hits = g_outside_hits + 1; }
 
 TEST_F(EventlibLoops, SighdlLoopDeliversSignalsFromTheLoopAndRestoresActions) {
+  g_outside_hits = 0;
   struct sigaction before {}, after {};
   before.sa_handler = outside_handler;
   sigemptyset(&before.sa_mask);
