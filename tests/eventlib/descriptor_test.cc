@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -132,6 +133,40 @@ TEST_F(EventlibDescriptors, FinishedWaitsComeFirstInOrderAndOnce) {
   EXPECT_EQ(evUnwait(ctx, id1), -1);  // over once dispatched
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(evDo(ctx, &tag1), -1);
+}
+
+struct Urgent {
+  std::vector<std::string> *log;
+  evFileID id;
+};
+
+void take_urgent(evContext ctx, void *uap, int fd, int mask) {
+  auto *u = static_cast<Urgent *>(uap);
+  char c = 0;
+  EXPECT_EQ(recv(fd, &c, 1, MSG_OOB), 1);
+  u->log->push_back(std::to_string(mask) + c);
+  EXPECT_EQ(evDeselectFD(ctx, u->id), 0);
+}
+
+TEST_F(EventlibDescriptors, ExceptReportsOutOfBandData) {
+  int lfd = socket(AF_INET, SOCK_STREAM, 0), cfd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+  ASSERT_EQ(listen(lfd, 1), 0);
+  ASSERT_EQ(getsockname(lfd, reinterpret_cast<sockaddr *>(&a), &len), 0);
+  ASSERT_EQ(connect(cfd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+  int sfd = accept(lfd, nullptr, nullptr);
+  ASSERT_GE(sfd, 0);
+  Urgent u{&log, {}};
+  ASSERT_EQ(evSelectFD(ctx, sfd, EV_EXCEPT, take_urgent, &u, &u.id), 0);
+  EXPECT_EQ(poll_once(), EWOULDBLOCK);
+  ASSERT_EQ(send(cfd, "!", 1, MSG_OOB), 1);
+  EXPECT_EQ(evMainLoop(ctx), -1);
+  EXPECT_EQ(log, std::vector<std::string>{"4!"});
+  for (int fd : {lfd, cfd, sfd}) close(fd);
 }
 
 struct Racer {
