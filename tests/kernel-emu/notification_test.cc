@@ -2,7 +2,6 @@
 // each family sends to whom, listen-mask selection, per-socket sequence
 // numbers, queue bounds and the control commands.
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -10,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "emu_client.h"
 #include "kernel.h"
 #include <tarn/tarn.h>
 
@@ -20,17 +20,6 @@ using tarn::kemu::EmuLog;
 using tarn::kemu::Encoding;
 using tarn::kemu::Kernel;
 using tarn::kemu::Outgoing;
-
-std::string hex_of(const std::vector<uint8_t> &bytes)
-{
-    std::string s;
-    char b[3];
-    for (uint8_t v : bytes) {
-        std::snprintf(b, sizeof b, "%02x", v);
-        s += b;
-    }
-    return s;
-}
 
 constexpr uint64_t kLow = 1;
 constexpr uint64_t kHigh = uint64_t{1} << 32;
@@ -308,7 +297,7 @@ TEST_F(Model, ListenMaskSelectsByTheRegistrationBitsOfEachType)
         std::vector<uint8_t> raw(RTS_HDR_MIN_LEN, 0);
         raw[RTS_HDR_TYPE_OFF] = c.type;
         raw[RTS_HDR_LEN_OFF] = RTS_HDR_MIN_LEN;
-        run(0, "notify " + hex_of(raw));
+        run(0, "notify " + tarn::test::hex(raw));
         EXPECT_EQ(drain(id).size(), c.selected ? 1u : 0u)
             << "type " << int{c.type} << " mask 0x" << std::hex << c.mask;
         kernel_->close_socket(id);
@@ -326,7 +315,7 @@ TEST_F(Model, SequenceNumbersArePerSocket)
     run(b, "queue-bound 2");
     RouteRequest r(RTS_OP_ADD);
     receive(a, &r.msg, nullptr, Encoding::kIdr);
-    run(0, "notify " + hex_of(std::vector<uint8_t>{0, 0, 0, 0, 'h', RTS_MSG_ROUTE, 1, 0,
+    run(0, "notify " + tarn::test::hex(std::vector<uint8_t>{0, 0, 0, 0, 'h', RTS_MSG_ROUTE, 1, 0,
                                                            16, 0, 0, 0, 0xee, 0xee, 0xee, 0xee}));
     const uint32_t I = RTS_IDL_MAGIC_IDR;
     EXPECT_EQ(drain(a), (std::vector<Seen>{{a, I, 2, RTS_OP_ADD, 1, 0, false},
