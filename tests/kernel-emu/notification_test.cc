@@ -41,15 +41,15 @@ std::ostream &operator<<(std::ostream &os, const Seen &s)
               << s.error << (s.notification ? " notification}" : " answer}");
 }
 
-class Model : public testing::Test {
+class Fanout : public testing::Test {
 protected:
-    Model()
+    Fanout()
     {
         cfg_.types = RTS_MSG_TYPE_COUNT;
         cfg_.interface_version = RTS_INTERFACE_VERSION;
         kernel_ = std::make_unique<Kernel>(cfg_, log_);
     }
-    ~Model() override { rtslib_close(codec_); }
+    ~Fanout() override { rtslib_close(codec_); }
 
     uint64_t open(uint64_t mask)
     {
@@ -173,7 +173,7 @@ struct GroupRequest {
 // Who gets what for one request of each family: the requester (listening
 // to routes) gets its answer first, then every selected listener, the
 // requester included, a notification in the request's encoding.
-TEST_F(Model, EachFamilyAnswersTheRequesterAndNotifiesItsListeners)
+TEST_F(Fanout, EachFamilyAnswersTheRequesterAndNotifiesItsListeners)
 {
     const uint64_t req = open(0x200 * kLow);      // listens to routes
     const uint64_t routes = open(0x80 * kLow);    // another route bit
@@ -257,7 +257,7 @@ TEST_F(Model, EachFamilyAnswersTheRequesterAndNotifiesItsListeners)
 }
 
 // A socket is selected when its mask meets the type's registration bits.
-TEST_F(Model, ListenMaskSelectsByTheRegistrationBitsOfEachType)
+TEST_F(Fanout, ListenMaskSelectsByTheRegistrationBitsOfEachType)
 {
     struct {
         uint8_t type;
@@ -306,7 +306,7 @@ TEST_F(Model, ListenMaskSelectsByTheRegistrationBitsOfEachType)
 
 // Each socket numbers its own notifications; option 3 reads the next one,
 // and a dropped notification uses its number up.
-TEST_F(Model, SequenceNumbersArePerSocket)
+TEST_F(Fanout, SequenceNumbersArePerSocket)
 {
     const uint64_t a = open(0x200 * kLow);
     const uint64_t b = open(0x200 * kLow | 0x400 * kLow);
@@ -331,7 +331,7 @@ TEST_F(Model, SequenceNumbersArePerSocket)
 
 // A listener that stops reading loses notifications beyond its bound; the
 // requester still gets every answer and other listeners everything.
-TEST_F(Model, QueueBoundDropsNotificationsButNeverAnswers)
+TEST_F(Fanout, QueueBoundDropsNotificationsButNeverAnswers)
 {
     const uint64_t req = open(0x200 * kLow);
     const uint64_t slow = open(0x200 * kLow);
@@ -356,7 +356,7 @@ TEST_F(Model, QueueBoundDropsNotificationsButNeverAnswers)
     EXPECT_EQ(kernel_->socket(slow)->queue.size(), 1u);
 }
 
-TEST_F(Model, StateShowsWhatTheOptionsSet)
+TEST_F(Fanout, StateShowsWhatTheOptionsSet)
 {
     const uint64_t id = open(0);
     auto &st = kernel_->socket(id)->state;
@@ -389,7 +389,7 @@ TEST_F(Model, StateShowsWhatTheOptionsSet)
     EXPECT_NE(run(id, "state").find("\nfilters 5a00"), std::string::npos);
 }
 
-TEST_F(Model, ControlCommandsCheckTheirArgumentsAndExplainThemselves)
+TEST_F(Fanout, ControlCommandsCheckTheirArgumentsAndExplainThemselves)
 {
     const uint64_t id = open(0);
     const std::string help = run(0, "help");
