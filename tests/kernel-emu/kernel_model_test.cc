@@ -15,7 +15,7 @@ using tarn::kemu::EmuConfig;
 using tarn::kemu::EmuLog;
 using tarn::kemu::Kernel;
 using tarn::kemu::ParseOutcome;
-using tarn::kemu::RouteSocket;
+using tarn::kemu::SocketState;
 
 ParseOutcome parse(std::vector<std::string> args, EmuConfig &cfg, std::string &error)
 {
@@ -33,6 +33,7 @@ TEST(EmuCommandLine, RejectsMalformedArguments)
         {"--interface-version", "-1"}, {"--type-version", "0=98"},
         {"--type-version", "102=98"}, {"--type-version", "5"},
         {"--type-version", "5=256"}, {"--fail-option", "abc"},
+        {"--fail-option", "4,"},     {"--queue-bound", "0"},
         {"--no-such-option"},        {"stray"},
         {"--socket"},
     };
@@ -49,28 +50,19 @@ TEST(EmuCommandLine, CollectsRepeatableOptions)
     EmuConfig cfg;
     std::string error;
     ASSERT_EQ(parse({"--socket", "/tmp/x.sock", "--type-version", "2=1", "--type-version",
-                     "2=7", "--type-version", "101=0", "--fail-option", "4", "--fail-option",
-                     "20", "--log", "--types", "0x67"},
+                     "2=7", "--type-version", "101=0", "--fail-option", "4,7", "--fail-option",
+                     "20", "--log", "--types", "0x67", "--queue-bound", "3"},
                     cfg, error),
               ParseOutcome::kRun)
         << error;
     EXPECT_EQ(cfg.socket_path, "/tmp/x.sock");
     EXPECT_EQ(cfg.type_versions, (std::map<int, int>{{2, 7}, {101, 0}}));
-    EXPECT_EQ(cfg.fail_options, (std::set<int>{4, 20}));
+    EXPECT_EQ(cfg.fail_options, (std::set<int>{4, 7, 20}));
+    EXPECT_EQ(cfg.queue_bound, 3u);
     EXPECT_TRUE(cfg.log);
     EXPECT_EQ(cfg.types, 103);
     EXPECT_EQ(cfg.interface_version, RTS_INTERFACE_VERSION);
 }
-
-// Keeps what the kernel sends instead of sending it.
-struct RecordingOutbox : tarn::kemu::Outbox {
-    std::vector<std::vector<uint8_t>> sent;
-    int deliver(RouteSocket &, const uint8_t *msg, size_t len) override
-    {
-        sent.emplace_back(msg, msg + len);
-        return 0;
-    }
-};
 
 class KernelModel : public testing::Test {
 protected:
@@ -78,7 +70,7 @@ protected:
     {
         std::string error;
         ASSERT_EQ(parse(std::move(args), cfg_, error), ParseOutcome::kRun) << error;
-        kernel_ = std::make_unique<Kernel>(cfg_, log_, outbox_);
+        kernel_ = std::make_unique<Kernel>(cfg_, log_);
     }
     std::vector<uint8_t> get(int opt, size_t capacity, int expect_err = 0)
     {
@@ -89,9 +81,8 @@ protected:
 
     EmuConfig cfg_;
     EmuLog log_{false};
-    RecordingOutbox outbox_;
     std::unique_ptr<Kernel> kernel_;
-    RouteSocket sock_;
+    SocketState sock_;
 };
 
 TEST_F(KernelModel, DefaultVersionBlockIsTheLibrarysOwn)
