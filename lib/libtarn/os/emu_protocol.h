@@ -37,6 +37,12 @@ enum class CtlOp : uint32_t {
                      // (test scripting: raw messages of any size or content)
     kCommand = 5,    // name: a routing socket or empty; the value is a command line
                      // ("dump", "drop-replies N", ...); the reply is its output
+    kSysctlGet = 6,  // name: a sysctl name ("hw.product.ifs_max_clients"); the reply
+                     // carries its whole value (ENOENT for an unknown name)
+    kRouteSysctl = 7,  // name: empty; the value is the MIB below CTL_NET.PF_ROUTE as
+                       // int32 words (0, 0, NET_RT_IFLIST, kind); the reply carries
+                       // the whole table (the client turns it into sysctl's
+                       // size-query and ENOMEM conventions)
 };
 
 struct CtlRequest {
