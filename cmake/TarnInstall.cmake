@@ -1,10 +1,15 @@
 include(CMakePackageConfigHelpers)
 
-install(TARGETS tarn EXPORT tarnTargets
+# The event library is a shared object of its own that libtarn depends on;
+# both go into the same export set (tarn::tarn, tarn::eventlib).
+install(TARGETS tarn tarn_eventlib EXPORT tarnTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tarn
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/isc
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
 # The record header is generated from the type descriptions.

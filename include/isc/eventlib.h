@@ -111,9 +111,9 @@ EVENTLIB_API int evGetNext(evContext ctx, evEvent *ev, int options);
 /* Calls the event's callback, then releases the event as evDrop does. */
 EVENTLIB_API int evDispatch(evContext ctx, evEvent ev);
 
-/* Releases a fetched event without calling it. A one-shot timer, finished
- * wait or finished connect/stream whose event is dropped is over as if it
- * had been dispatched. */
+/* Releases a fetched event without calling it. A one-shot timer, a
+ * finished wait or a connect whose event is dropped is over as if it had
+ * been dispatched (without a call); other sources carry on. */
 EVENTLIB_API void evDrop(evContext ctx, evEvent ev);
 
 /*
@@ -202,8 +202,8 @@ EVENTLIB_API int evConfigTimer(evContext ctx, evTimerID id, const char *param, i
 /*
  * Idle timer: calls func once max_idle has passed without evTouchIdleTimer
  * (counted from evSetIdleTimer), then again after each further max_idle of
- * inactivity, until cleared. func gets due = the moment it became idle long
- * enough and inter = max_idle. max_idle must be positive. id is required.
+ * inactivity, until cleared. func gets due = the time of the call and
+ * inter = max_idle. max_idle must be positive. id is required.
  */
 EVENTLIB_API int evSetIdleTimer(evContext ctx, evTimerFunc func, void *uap,
                                 struct timespec max_idle, evTimerID *id);
@@ -246,7 +246,7 @@ EVENTLIB_API int evDefer(evContext ctx, evWaitFunc func, void *uap);
  * evListen: listen(fd, maxconn) and, for each connection accepted, calls
  * func with the new descriptor (blocking, owned by the callee) and the
  * local and peer addresses, until evCancelConn. An accept failure other
- * than EAGAIN/EINTR calls func with fd -1 and errno set.
+ * than EAGAIN, EINTR or ECONNABORTED calls func with fd -1 and errno set.
  * evConnect: starts a non-blocking connect of fd to ra and calls func once
  * when it completes (fd, local and peer addresses) or fails (fd -1, errno);
  * the connection id is then over. fd gets its previous blocking mode back.
