@@ -100,6 +100,32 @@ TEST_F(AsyncContext, OptionsReachTheSocket)
     EXPECT_EQ(listen_mask(h_), 0x0020000000002000u);
 }
 
+// Ends the loop after the second route notification.
+int break_after_two(rtslib_cookie *h, void *arg, void *msg, void *reserved)
+{
+    auto *seen = static_cast<Seen *>(arg);
+    Seen::handler(h, seen, msg, reserved);
+    evContext ev{};
+    if (seen->calls() == 2 && rtslib_get_async_context(h, &ev) == 0) evBreak(ev);
+    return 0;
+}
+
+TEST_F(AsyncContext, TheEventLoopDispatchesWhatArrives)
+{
+    for (auto loop : {rtslib_async_event_loop, rtslib_async_event_loop_sighdl}) {
+        rtslib_cookie *h = open();
+        ASSERT_EQ(rtslib_create_async_context(h), 0);
+        Seen seen;
+        ASSERT_EQ(rtslib_rtm_async_register(h, &seen, break_after_two), 0);
+        rtsllib_async_set_num_read_msg(h, 1);  // one per wake-up
+        for (uint32_t i = 0; i < 2; ++i)
+            ASSERT_EQ(tarn::test::inject(h->fd, tarn::test::raw_message(24, h->seq + i, 2)), 0);
+        EXPECT_EQ(loop(h), 0);
+        EXPECT_EQ(seen.calls(), 2);
+        rtslib_close(h);
+    }
+}
+
 class AsyncContextRefused : public AsyncTest {
 protected:
     AsyncContextRefused()
