@@ -183,4 +183,18 @@ enum rts_msg_type {
 #define RTS_MSG_MAX 16384                 /* largest message rtslib_msg_read accepts */
 #define RTS_READ_BUFFER_SIZE (RTS_MSG_MAX + 1)
 
+/* Version byte of each message type 0 .. 101 in this interface version, as
+ * an array initializer (entry 0, "nop", has no version and is 0). A kernel
+ * built for this interface reports exactly these in its version block. */
+#define RTS_MSG_VERSIONS_INIT                                                  \
+    {                                                                          \
+        0, 98, 104, 104, 101, 106, 107, 102, 101, 0, 109, 99, 99, 99, 100, 99,  \
+        100, 99, 99, 101, 101, 101, 101, 101, 99, 100, 99, 113, 99, 100, 98,   \
+        98, 98, 99, 98, 99, 98, 99, 98, 98, 99, 99, 99, 101, 99, 99, 100, 99,  \
+        99, 99, 99, 101, 101, 102, 99, 98, 105, 100, 101, 100, 100, 100, 100, \
+        100, 100, 100, 100, 100, 99, 100, 100, 98, 105, 101, 101, 101, 101,    \
+        101, 99, 98, 99, 98, 98, 99, 98, 98, 105, 98, 98, 98, 99, 98, 0, 98,   \
+        98, 98, 98, 99, 98, 99, 98, 98                                         \
+    }
+
 #endif /* TARN_RTSOCK_WIRE_H */

@@ -15,7 +15,7 @@ using tarn::kemu::EmuConfig;
 using tarn::kemu::EmuLog;
 using tarn::kemu::Kernel;
 using tarn::kemu::ParseOutcome;
-using tarn::kemu::RouteSocket;
+using tarn::kemu::SocketState;
 
 ParseOutcome parse(std::vector<std::string> args, EmuConfig &cfg, std::string &error)
 {
@@ -62,23 +62,13 @@ TEST(EmuCommandLine, CollectsRepeatableOptions)
     EXPECT_EQ(cfg.interface_version, RTS_INTERFACE_VERSION);
 }
 
-// Keeps what the kernel sends instead of sending it.
-struct RecordingOutbox : tarn::kemu::Outbox {
-    std::vector<std::vector<uint8_t>> sent;
-    int deliver(RouteSocket &, const uint8_t *msg, size_t len) override
-    {
-        sent.emplace_back(msg, msg + len);
-        return 0;
-    }
-};
-
 class KernelModel : public testing::Test {
 protected:
     void make(std::vector<std::string> args)
     {
         std::string error;
         ASSERT_EQ(parse(std::move(args), cfg_, error), ParseOutcome::kRun) << error;
-        kernel_ = std::make_unique<Kernel>(cfg_, log_, outbox_);
+        kernel_ = std::make_unique<Kernel>(cfg_, log_);
     }
     std::vector<uint8_t> get(int opt, size_t capacity, int expect_err = 0)
     {
@@ -89,9 +79,8 @@ protected:
 
     EmuConfig cfg_;
     EmuLog log_{false};
-    RecordingOutbox outbox_;
     std::unique_ptr<Kernel> kernel_;
-    RouteSocket sock_;
+    SocketState sock_;
 };
 
 TEST_F(KernelModel, DefaultVersionBlockIsTheLibrarysOwn)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <sstream>
 
 #include "libtarn/os/emu_protocol.h"
 #include <tarn/rtsock_wire.h>
@@ -35,6 +36,25 @@ std::string command(int fd, const std::string &text, int *err)
                                      &len, kCapacity);
     if (err != nullptr) *err = rc == 0 ? 0 : errno;
     return rc == 0 ? std::string(buf.begin(), buf.begin() + len) : std::string();
+}
+
+std::string socket_state(int fd, const std::string &field)
+{
+    std::istringstream in(command(fd, "state"));
+    for (std::string line; std::getline(in, line);)
+        if (line.compare(0, field.size() + 1, field + " ") == 0) return line.substr(field.size() + 1);
+    return {};
+}
+
+std::string hex(const std::vector<uint8_t> &bytes)
+{
+    static const char kDigits[] = "0123456789abcdef";
+    std::string s;
+    for (uint8_t b : bytes) {
+        s += kDigits[b >> 4];
+        s += kDigits[b & 15];
+    }
+    return s.empty() ? "-" : s;
 }
 
 std::vector<uint8_t> raw_message(uint32_t total, uint32_t seq, uint8_t type, uint8_t op,

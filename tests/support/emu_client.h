@@ -1,4 +1,24 @@
 // Test-side scripting of a running kernel emulator.
+//
+// Commands (command(); "(socket)" ones need the routing socket's fd, the
+// others take -1; tarn-kernel-emu's "help" command prints this list):
+//   help, dump, count, sockets
+//   state (socket)            one "name value" a line: socket, name, sender-id,
+//                             lr-id, listen-mask (0x + 16 hex digits, high word
+//                             first), async-mode, slave-mode, master-mode,
+//                             local-slave-mode, kernel-seq (the next
+//                             notification's), queued, queue-bound, dropped,
+//                             paused, subtypes (hex), filters (hex)
+//   drop-replies N (socket)   drop the next N answers
+//   queue-bound N (socket)    notifications beyond N waiting messages are dropped
+//   pause / resume (socket)   stop / restart sending to the socket
+//   inject HEX (socket)       one message on the socket, bytes as given
+//   notify HEX                to every listener of the message's type; raw
+//                             messages get each socket's sequence number
+//   route-add TID AF HEX PLEN NH NHIDX, route-delete TID AF HEX PLEN,
+//   mgroup-add TID AF HEX BITS IIF, mgroup-delete TID AF HEX BITS,
+//   table-add TID AF NAME     changes that notify listeners (TLV); HEX "-" is
+//                             an empty prefix
 #ifndef TARN_TESTS_EMU_CLIENT_H
 #define TARN_TESTS_EMU_CLIENT_H
 
@@ -17,6 +37,13 @@ int inject(int fd, const std::vector<uint8_t> &bytes);
 // routing socket `fd` (-1: none) and returns its output; `err` gets 0 or the
 // errno of a refusal.
 std::string command(int fd, const std::string &text, int *err = nullptr);
+
+// The value of `field` in the "state" of routing socket `fd` ("" if the
+// emulator does not know the socket or the field).
+std::string socket_state(int fd, const std::string &field);
+
+// `bytes` as the commands take them: two hex digits a byte, "-" for none.
+std::string hex(const std::vector<uint8_t> &bytes);
 
 // A raw routing-socket message: `total` bytes with the header's length word
 // set to `claimed` (default: total), sequence `seq`, type and operation.

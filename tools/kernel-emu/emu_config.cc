@@ -32,6 +32,21 @@ bool parse_type_version(const char *text, int &type, int &version)
            parse_int(s.substr(eq + 1).c_str(), 0, 255, version);
 }
 
+// "N" or "N,M,...": option numbers.
+bool parse_option_list(const char *text, std::set<int> &out)
+{
+    std::string s(text);
+    size_t start = 0;
+    for (;;) {
+        const size_t comma = s.find(',', start);
+        int n = 0;
+        if (!parse_int(s.substr(start, comma - start).c_str(), 0, INT_MAX, n)) return false;
+        out.insert(n);
+        if (comma == std::string::npos) return true;
+        start = comma + 1;
+    }
+}
+
 }  // namespace
 
 std::string usage_text(const char *argv0)
@@ -54,8 +69,10 @@ Options:
   --type-version T=V     report version V for message type T (1..101);
                          repeatable. Types not named report the library's own
                          version, so by default the block matches exactly.
-  --fail-option N        setting routing-socket option N fails with EINVAL;
-                         repeatable
+  --fail-option N[,M..]  setting routing-socket option N (M, ...) fails with
+                         EINVAL; repeatable
+  --queue-bound N        notifications a socket may have waiting (default
+                         4096); further ones are dropped and counted
   --log                  print one line per connection, option and message;
                          SIGUSR1 then prints the routing state (tables,
                          routes, multicast groups)
@@ -65,22 +82,38 @@ The version block always carries a version byte for each of types 1..101,
 whatever --types says.
 
 Routes, route tables, route statistics and multicast groups are kept as a
-kernel would; requests are answered in the encoding they came in. Tests
-script the emulator through PATH.ctl: raw messages to a socket, dropped
-answers, multicast groups, state dumps ("dump", "count").
+kernel would; requests are answered in the encoding they came in.
+
+Every change (routes added, changed or deleted; tables added, updated or
+deleted; multicast groups added or deleted) is sent to each socket whose
+listen mask (option 1) selects the message type, the changing socket
+included, after its own answer. Each copy carries that socket's own next
+sequence number (option 3 reads it). Changes made by a request go out in the
+request's encoding, changes made through PATH.ctl as TLV.
+
+Drop policy: messages wait in a queue per socket until the client can take
+them; the emulator never blocks. Answers are always queued. A notification
+for a socket that already has the bound's number of messages waiting is
+dropped, counted per socket and logged; its sequence number is used up, so
+the reader sees the gap.
+
+Tests script the emulator through PATH.ctl with commands; "help" lists them
+(state of a socket, injected messages, changes, stalled readers, dropped
+answers, state dumps).
 )";
     return u;
 }
 
 ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &error)
 {
-    enum { kSocket = 1, kIfVersion, kTypes, kTypeVersion, kFailOption, kLog };
+    enum { kSocket = 1, kIfVersion, kTypes, kTypeVersion, kFailOption, kQueueBound, kLog };
     static const option opts[] = {
         {"socket", required_argument, nullptr, kSocket},
         {"interface-version", required_argument, nullptr, kIfVersion},
         {"types", required_argument, nullptr, kTypes},
         {"type-version", required_argument, nullptr, kTypeVersion},
         {"fail-option", required_argument, nullptr, kFailOption},
+        {"queue-bound", required_argument, nullptr, kQueueBound},
         {"log", no_argument, nullptr, kLog},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
@@ -119,11 +152,17 @@ ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &erro
             cfg.type_versions[type] = version;
             break;
         case kFailOption:
-            if (!parse_int(optarg, 0, INT_MAX, n)) {
-                error = "--fail-option takes an option number";
+            if (!parse_option_list(optarg, cfg.fail_options)) {
+                error = "--fail-option takes option numbers separated by commas";
                 return ParseOutcome::kError;
             }
-            cfg.fail_options.insert(n);
+            break;
+        case kQueueBound:
+            if (!parse_int(optarg, 1, INT_MAX, n)) {
+                error = "--queue-bound takes a positive number";
+                return ParseOutcome::kError;
+            }
+            cfg.queue_bound = static_cast<size_t>(n);
             break;
         case kLog:
             cfg.log = true;

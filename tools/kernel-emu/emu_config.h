@@ -2,9 +2,12 @@
 #ifndef TARN_KERNEL_EMU_EMU_CONFIG_H
 #define TARN_KERNEL_EMU_EMU_CONFIG_H
 
+#include <cstddef>
 #include <map>
 #include <set>
 #include <string>
+
+#include "socket_state.h"
 
 namespace tarn::kemu {
 
@@ -14,6 +17,7 @@ struct EmuConfig {
     int types;                    // byte 0 of the version block
     std::map<int, int> type_versions;  // overrides of single type versions
     std::set<int> fail_options;   // level-17 options whose set fails with EINVAL
+    size_t queue_bound = kDefaultQueueBound;  // each socket's notification bound
     bool log = false;
 };
 

@@ -3,9 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "libtarn/rtslib/objects/request.h"
-#include "libtarn/rtslib/wire.h"
 #include <tarn/rtslib_route.h>
+
+#include "wire_bytes.h"
 
 namespace tarn::kemu {
 namespace {
@@ -42,6 +42,43 @@ void answer_header(const rts_hdr_t &req, rts_hdr_t &ans, uint32_t error = 0)
     ans.info = nullptr;
     ans.info_count = 0;
     ans.error = error;
+}
+
+// Only the gets are answered (adds with acknowledgement aside).
+bool is_answered(uint8_t op)
+{
+    return op == RTS_OP_GET || op == RTS_OP_GETNEXT;
+}
+
+// Presence maps of what the kernel sends in TLV: every field it fills.
+constexpr uint32_t kHdrBits = (1u << RTS_HDR_BIT_INFO) - 1;
+
+struct RouteMap {
+    rt_msg_map_t map{};
+    idl_sockaddr_gen_map_t source{0x3ff};
+    RouteMap()
+    {
+        map.bits = ((1u << RT_MSG_BIT_COS) - 1) & ~(1u << RT_MSG_BIT_CHANGED);
+        map.hdr.bits = kHdrBits;
+        map.source = &source;
+    }
+    RouteMap(const RouteMap &) = delete;
+};
+
+rtb_msg_map_t table_map()
+{
+    rtb_msg_map_t map{};
+    map.bits = (1u << RTB_MSG_BIT_SEQ) - 1;
+    map.hdr.bits = kHdrBits;
+    return map;
+}
+
+mgr_msg_map_t mgroup_map()
+{
+    mgr_msg_map_t map{};
+    map.bits = (1u << (MGR_MSG_BIT_IIF_INDEX + 1)) - 1;
+    map.hdr.bits = kHdrBits;
+    return map;
 }
 
 }  // namespace
@@ -148,27 +185,48 @@ void Routing::fill_route_answer(const PrefixKey &pk, const Route &r, rt_msg_t &a
     }
 }
 
-bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
+// A change as listeners see it: the route as the kernel now keeps it (or
+// kept it, for a delete), under the operation that changed it.
+void Routing::notify_route(const rt_msg_t &req, uint8_t op, const PrefixKey &pk, const Route &r,
+                           Emission &out)
 {
-    answer = rt_msg_t{};
+    rt_msg_t note{};
+    answer_header(req.hdr, note.hdr);
+    note.hdr.op = op;
+    note.hdr.op_flags = 0;
+    note.tid = req.tid;
+    note.af = req.af;
+    fill_route_answer(pk, r, note);
+    RouteMap map;
+    out.notify(&note, &map.map);
+}
+
+void Routing::route_request(const rt_msg_t &req, Emission &out)
+{
+    rt_msg_t answer{};
     answer_header(req.hdr, answer.hdr);
     answer.tid = req.tid;
     answer.af = req.af;
+    RouteMap map;
     const uint8_t op = req.hdr.op;
     const bool acked = op == RTS_OP_ADD_ACK;
+    auto refuse = [&](uint32_t error, bool answered) {
+        answer.hdr.error = error;
+        if (answered) out.answer(&answer, &map.map);
+    };
     PrefixKey pk;
-    if (!make_prefix_key(req.prefix, req.prefix_len, req.plen, pk)) {
-        answer.hdr.error = kErrInvalid;
-        return acked || is_answered(op);
-    }
+    if (!make_prefix_key(req.prefix, req.prefix_len, req.plen, pk))
+        return refuse(kErrInvalid, acked || is_answered(op));
     Table *t = find_table(req.tid, req.af);
-    if (t == nullptr) {
-        answer.hdr.error = kErrNoTable;
-        return acked || is_answered(op);
-    }
+    if (t == nullptr) return refuse(kErrNoTable, acked || is_answered(op));
     switch (op) {
     case RTS_OP_ADD:
     case RTS_OP_ADD_ACK: {
+        auto [it, inserted] = t->routes.try_emplace(pk, 0);
+        if (!inserted) {
+            ++t->refused;
+            return refuse(kErrExists, acked);
+        }
         Route r;
         r.type = req.type;
         r.nh = req.nh;
@@ -188,69 +246,64 @@ bool Routing::route_request(const rt_msg_t &req, rt_msg_t &answer)
                             req.source[0]->sa_addr + req.source[0]->sa_addr_len);
         r.index = next_index_;
         next_index_ = static_cast<uint16_t>(next_index_ == 0xffff ? 1 : next_index_ + 1);
-        auto [it, inserted] = t->routes.try_emplace(pk, 0);
-        if (!inserted) {
-            ++t->refused;
-            answer.hdr.error = kErrExists;
-            return acked;
-        }
         it->second = t->store(std::move(r));
         ++t->adds;
+        const Route &added = t->slots[it->second];
         if (acked) {
             ++t->acked_adds;
-            fill_route_answer(it->first, t->slots[it->second], answer);
+            fill_route_answer(it->first, added, answer);
+            out.answer(&answer, &map.map);
         }
-        return acked;
+        notify_route(req, RTS_OP_ADD, it->first, added, out);
+        return;
     }
     case RTS_OP_CHANGE: {
         auto it = t->routes.find(pk);
         if (it == t->routes.end()) {
             ++t->refused;
-            return false;
+            return;
         }
         Route &r = t->slots[it->second];
         r.nh = req.nh;
         r.nhidx = req.nhidx;
         r.flags = req.flags;
-        return false;
+        notify_route(req, RTS_OP_CHANGE, it->first, r, out);
+        return;
     }
     case RTS_OP_DELETE: {
         auto it = t->routes.find(pk);
         if (it == t->routes.end()) {
             ++t->refused;
-            return false;
+            return;
         }
+        notify_route(req, RTS_OP_DELETE, it->first, t->slots[it->second], out);
         t->drop(it->second);
         t->routes.erase(it);
         ++t->deletes;
-        return false;
+        return;
     }
     case RTS_OP_GET: {
         ++t->gets;
         auto it = t->routes.find(pk);
-        if (it == t->routes.end()) {
-            answer.hdr.error = kErrNoEntry;
-            return true;
-        }
+        if (it == t->routes.end()) return refuse(kErrNoEntry, true);
         Route &r = t->slots[it->second];
         ++r.lookups;
         fill_route_answer(it->first, r, answer);
-        return true;
+        out.answer(&answer, &map.map);
+        return;
     }
     case RTS_OP_GETNEXT: {
         ++t->getnexts;
         // With no prefix the walk starts at the first route.
         auto it = req.plen == 0 ? t->routes.lower_bound(pk) : t->routes.upper_bound(pk);
-        if (it == t->routes.end()) {
-            answer.hdr.error = kErrNoEntry;
-            return true;
-        }
+        if (it == t->routes.end()) return refuse(kErrNoEntry, true);
         fill_route_answer(it->first, t->slots[it->second], answer);
-        return true;
+        out.answer(&answer, &map.map);
+        return;
     }
     default:
         ++t->refused;
-        return false;
+        return;
     }
 }
 
@@ -274,9 +327,19 @@ void Routing::fill_table_answer(const TableKey &tk, const Table &t, rtb_msg_t &a
     answer.lr_name_len = static_cast<uint32_t>(answer_lr_name_.size());
 }
 
-bool Routing::table_request(const rtb_msg_t &req, rtb_msg_t &answer)
+void Routing::notify_table(const rtb_msg_t &req, const TableKey &tk, const Table &t,
+                           Emission &out)
 {
-    answer = rtb_msg_t{};
+    rtb_msg_t note{};
+    answer_header(req.hdr, note.hdr);
+    fill_table_answer(tk, t, note);
+    const rtb_msg_map_t map = table_map();
+    out.notify(&note, &map);
+}
+
+void Routing::table_request(const rtb_msg_t &req, Emission &out)
+{
+    rtb_msg_t answer{};
     answer_header(req.hdr, answer.hdr);
     answer.tid = req.tid;
     answer.af = req.af;
@@ -288,8 +351,9 @@ bool Routing::table_request(const rtb_msg_t &req, rtb_msg_t &answer)
         t.lr_name = name_of(req.lr_name, req.lr_name_len);
         t.flags = req.table_flags;
         t.lr_byte = req.lr_byte;
-        tables_.emplace(tk, std::move(t));
-        return false;
+        auto [it, inserted] = tables_.emplace(tk, std::move(t));
+        if (inserted) notify_table(req, tk, it->second, out);
+        return;
     }
     case RTS_OP_CHANGE:
         if (Table *t = find_table(req.tid, req.af); t != nullptr) {
@@ -297,16 +361,21 @@ bool Routing::table_request(const rtb_msg_t &req, rtb_msg_t &answer)
             t->attr = req.table_attr;
             t->attr_ext = req.table_attr_ext;
             if (req.name != nullptr) t->name = name_of(req.name, req.name_len);
+            notify_table(req, tk, *t, out);
         }
-        return false;
+        return;
     case RTS_OP_DELETE:
-        if (req.tid != 0) tables_.erase(tk);  // the default tables stay
-        return false;
+        // The default tables stay.
+        if (Table *t = find_table(req.tid, req.af); t != nullptr && req.tid != 0) {
+            notify_table(req, tk, *t, out);
+            tables_.erase(tk);
+        }
+        return;
     case RTS_OP_GET:
     case RTS_OP_GETNEXT:
         break;
     default:
-        return false;
+        return;
     }
     auto it = tables_.end();
     if (req.hdr.op == RTS_OP_GET && req.tid == kTableByName) {
@@ -319,48 +388,66 @@ bool Routing::table_request(const rtb_msg_t &req, rtb_msg_t &answer)
         for (it = tables_.upper_bound(tk); it != tables_.end() && it->first.af != req.af; ++it) {
         }
     }
-    if (it == tables_.end()) {
+    if (it == tables_.end())
         answer.hdr.error = kErrNoEntry;
-        return true;
-    }
-    fill_table_answer(it->first, it->second, answer);
-    return true;
+    else
+        fill_table_answer(it->first, it->second, answer);
+    const rtb_msg_map_t map = table_map();
+    out.answer(&answer, &map);
 }
 
-void Routing::add_mgroup(uint16_t tid, uint8_t af, const PrefixKey &group, uint32_t iif_index)
+void Routing::mgroup_request(const mgr_msg_t &req, Emission &out)
 {
-    mgroups_[{tid, af, group}].iif_index = iif_index;
-}
-
-bool Routing::mgroup_request(const mgr_msg_t &req, mgr_msg_t &answer)
-{
-    answer = mgr_msg_t{};
+    mgr_msg_t answer{};
     answer_header(req.hdr, answer.hdr);
     answer.af = req.af;
     answer.tid = req.tid;
-    if (!is_answered(req.hdr.op)) return false;
+    const mgr_msg_map_t map = mgroup_map();
+    const uint8_t op = req.hdr.op;
     PrefixKey group;
     if (!make_prefix_key(req.group, req.group_len, req.grp_plen, group)) {
         answer.hdr.error = kErrInvalid;
-        return true;
+        if (is_answered(op)) out.answer(&answer, &map);
+        return;
     }
     const auto key = std::make_tuple(req.tid, req.af, group);
-    auto it = req.hdr.op == RTS_OP_GET ? mgroups_.find(key) : mgroups_.upper_bound(key);
+    if (op == RTS_OP_ADD || op == RTS_OP_DELETE) {
+        auto it = mgroups_.find(key);
+        if (op == RTS_OP_ADD) {
+            mgroups_[key].iif_index = req.iif_index;
+        } else if (it == mgroups_.end()) {
+            return;
+        }
+        answer.grp_plen = group.plen;
+        answer.group = answer_prefix(answer_prefix_, group, &answer.group_len);
+        answer.iif_index = op == RTS_OP_ADD ? req.iif_index : it->second.iif_index;
+        if (op == RTS_OP_DELETE) mgroups_.erase(it);
+        out.notify(&answer, &map);
+        return;
+    }
+    if (!is_answered(op)) return;
+    auto it = op == RTS_OP_GET ? mgroups_.find(key) : mgroups_.upper_bound(key);
     if (it == mgroups_.end() || std::get<0>(it->first) != req.tid ||
         std::get<1>(it->first) != req.af) {
         answer.hdr.error = kErrNoEntry;
-        return true;
+        out.answer(&answer, &map);
+        return;
     }
     const PrefixKey &g = std::get<2>(it->first);
     answer.grp_plen = g.plen;
     answer.group = answer_prefix(answer_prefix_, g, &answer.group_len);
     answer.iif_index = it->second.iif_index;
-    return true;
+    out.answer(&answer, &map);
 }
 
-std::vector<uint8_t> Routing::stats_request(const uint8_t *req, uint32_t len)
+void Routing::stats_request(const uint8_t *req, uint32_t len, Emission &out)
 {
-    using namespace tarn::wire;
+    std::vector<uint8_t> answer = stats_answer(req, len);
+    if (!answer.empty()) out.answer_raw(std::move(answer));
+}
+
+std::vector<uint8_t> Routing::stats_answer(const uint8_t *req, uint32_t len)
+{
     if (len < RTS_RTSTATS_FIXED_LEN || load_u16(req + RTS_HDR_FIXED_LEN_OFF) != RTS_RTSTATS_FIXED_LEN)
         return {};
     const uint16_t bits = load_u16(req + kStatsBitsOff);

@@ -1,7 +1,7 @@
 // The kernel's routing state: route tables, routes per table and family in
 // prefix order, multicast groups, and the counters behind route statistics.
-// Requests arrive decoded; answers are built as records for the caller to
-// encode.
+// One handler per message family; requests arrive decoded, and answers and
+// change notifications leave as records through an Emission.
 #ifndef TARN_KERNEL_EMU_ROUTING_H
 #define TARN_KERNEL_EMU_ROUTING_H
 
@@ -15,6 +15,8 @@
 #include <absl/container/btree_map.h>
 
 #include <tarn/idl.h>
+
+#include "emission.h"
 
 namespace tarn::kemu {
 
@@ -95,28 +97,28 @@ class Routing {
 public:
     Routing();
 
-    // Requests. When the kernel answers, the answer is written into `answer`
-    // (its variable parts point into this object, valid until the next
-    // request) and true is returned.
-    bool route_request(const rt_msg_t &req, rt_msg_t &answer);
-    bool table_request(const rtb_msg_t &req, rtb_msg_t &answer);
-    bool mgroup_request(const mgr_msg_t &req, mgr_msg_t &answer);
-
-    // Raw route statistics: the answer's bytes (empty when the request is
-    // malformed).
-    std::vector<uint8_t> stats_request(const uint8_t *req, uint32_t len);
-
-    void add_mgroup(uint16_t tid, uint8_t af, const PrefixKey &group, uint32_t iif_index);
+    // The families. Answers and notifications point into this object and
+    // are encoded before the handler returns.
+    void route_request(const rt_msg_t &req, Emission &out);
+    void table_request(const rtb_msg_t &req, Emission &out);
+    void mgroup_request(const mgr_msg_t &req, Emission &out);
+    // Route statistics travel raw; a malformed request gets no answer.
+    void stats_request(const uint8_t *req, uint32_t len, Emission &out);
 
     // Human-readable state, one object a line.
     std::string dump() const;
 
     size_t route_count() const;
+    bool has_table(uint16_t tid, uint8_t af) const { return tables_.count(TableKey{tid, af}) != 0; }
 
 private:
     Table *find_table(uint16_t tid, uint8_t af);
     void fill_route_answer(const PrefixKey &pk, const Route &r, rt_msg_t &answer);
+    void notify_route(const rt_msg_t &req, uint8_t op, const PrefixKey &pk, const Route &r,
+                      Emission &out);
     void fill_table_answer(const TableKey &tk, const Table &t, rtb_msg_t &answer);
+    void notify_table(const rtb_msg_t &req, const TableKey &tk, const Table &t, Emission &out);
+    std::vector<uint8_t> stats_answer(const uint8_t *req, uint32_t len);
     uint8_t *answer_prefix(std::vector<uint8_t> &store, const PrefixKey &key, uint32_t *len);
 
     std::map<TableKey, Table> tables_;

@@ -92,7 +92,7 @@ std::string describe_value(const uint8_t *v, size_t len)
 }  // namespace
 
 Server::Server(const EmuConfig &cfg, const EmuLog &log)
-    : cfg_(cfg), log_(log), kernel_(cfg, log, *this),
+    : cfg_(cfg), log_(log), kernel_(cfg, log),
       ctl_path_(cfg.socket_path + emu::kControlSuffix),
       rx_(std::max(kMaxMessage, sizeof(emu::CtlRequest) + emu::kMaxValueLen))
 {
@@ -120,7 +120,7 @@ bool Server::listen(std::string &error)
 
 void Server::close_all()
 {
-    for (auto &c : conns_) ::close(c->fd);
+    for (auto &c : conns_) ::close(c.fd);
     conns_.clear();
     for (int fd : control_fds_) ::close(fd);
     control_fds_.clear();
@@ -141,13 +141,11 @@ void Server::accept_routing_sockets()
     for (;;) {
         int fd = ::accept4(routing_listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) return;
-        auto conn = std::make_unique<RouteSocket>();
-        conn->fd = fd;
-        conn->id = next_id_++;
-        conn->name = peer_name(fd);
-        log_.line("socket %llu: opened by %s", static_cast<unsigned long long>(conn->id),
-                  printable(conn->name).c_str());
-        conns_.push_back(std::move(conn));
+        const std::string name = peer_name(fd);
+        const uint64_t id = kernel_.open_socket(name);
+        log_.line("socket %llu: opened by %s", static_cast<unsigned long long>(id),
+                  printable(name).c_str());
+        conns_.push_back({fd, id});
     }
 }
 
@@ -160,18 +158,31 @@ void Server::accept_control()
     }
 }
 
-RouteSocket *Server::find_socket(const std::string &name)
+Socket *Server::find_socket(const std::string &name)
 {
-    for (auto &c : conns_)
-        if (c->name == name) return c.get();
-    return nullptr;
+    return kernel_.find_socket(name);
 }
 
-int Server::deliver(RouteSocket &sock, const uint8_t *msg, size_t len)
+void Server::flush(uint64_t id, int fd)
 {
-    if (::send(sock.fd, msg, len, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(len))
-        return 0;
-    return errno;
+    Socket *s = kernel_.socket(id);
+    if (s == nullptr) return;
+    while (!s->queue.empty() && !s->queue.paused) {
+        const auto &msg = s->queue.front();
+        if (::send(fd, msg.data(), msg.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return;
+            // The client is gone or cannot take this message at all; its
+            // closing is noticed on the read side.
+            log_.line("socket %llu: message of %zu bytes not delivered: %s",
+                      static_cast<unsigned long long>(id), msg.size(), std::strerror(errno));
+        }
+        s->queue.pop();
+    }
+}
+
+void Server::flush_all()
+{
+    for (const auto &c : conns_) flush(c.id, c.fd);
 }
 
 // Carries out one control request: 0 or an errno value for the client.
@@ -181,38 +192,40 @@ int Server::control_request(const emu::CtlRequest &req, const uint8_t *value,
     const std::string name(req.name, req.name_len);
     const auto op = static_cast<emu::CtlOp>(req.op);
     if (op == emu::CtlOp::kSysctlSet) return kernel_.sysctl_set(name, value, req.value_len);
-    if (op == emu::CtlOp::kCommand && name.empty()) return run_command(nullptr, value, req.value_len, out);
+    if (op == emu::CtlOp::kCommand && name.empty()) return run_command(0, value, req.value_len, out);
 
     // Everything else names a routing socket. Its client connected it before
     // asking, so make sure that connection has been taken from the backlog.
-    RouteSocket *sock = find_socket(name);
+    Socket *sock = find_socket(name);
     if (sock == nullptr) {
         accept_routing_sockets();
         sock = find_socket(name);
     }
     if (sock == nullptr) return ENOTCONN;
-    const auto id = static_cast<unsigned long long>(sock->id);
+    SocketState &st = sock->state;
+    const auto id = static_cast<unsigned long long>(st.id);
 
     int err = EOPNOTSUPP;
     switch (op) {
     case emu::CtlOp::kGetOpt:
         out.assign(value, value + req.value_len);
-        err = kernel_.get_option(*sock, req.level, req.optname, out);
+        err = kernel_.get_option(st, req.level, req.optname, out);
         log_.line("socket %llu: get %s -> %s, %zu bytes", id, option_name(req.optname).c_str(),
                   err ? std::strerror(err) : "ok", out.size());
         break;
     case emu::CtlOp::kSetOpt:
-        err = kernel_.set_option(*sock, req.level, req.optname, value, req.value_len);
+        err = kernel_.set_option(st, req.level, req.optname, value, req.value_len);
         log_.line("socket %llu: set %s %s -> %s", id, option_name(req.optname).c_str(),
                   describe_value(value, req.value_len).c_str(), err ? std::strerror(err) : "ok");
         break;
     case emu::CtlOp::kCommand:
-        err = run_command(sock, value, req.value_len, out);
+        err = run_command(st.id, value, req.value_len, out);
         break;
     case emu::CtlOp::kInject:
-        err = deliver(*sock, value, req.value_len);
-        log_.line("socket %llu: injected %u bytes -> %s", id, req.value_len,
-                  err ? std::strerror(err) : "ok");
+        // Scripted messages are queued like answers: never dropped.
+        kernel_.post({{st.id, std::vector<uint8_t>(value, value + req.value_len), false}});
+        log_.line("socket %llu: injected %u bytes", id, req.value_len);
+        err = 0;
         break;
     default:
         break;
@@ -220,7 +233,7 @@ int Server::control_request(const emu::CtlRequest &req, const uint8_t *value,
     return err;
 }
 
-int Server::run_command(RouteSocket *sock, const uint8_t *text, uint32_t len,
+int Server::run_command(uint64_t sock, const uint8_t *text, uint32_t len,
                         std::vector<uint8_t> &out)
 {
     std::string result;
@@ -243,6 +256,9 @@ void Server::serve_control(int fd)
 
     std::vector<uint8_t> out;
     const int err = control_request(req, rx_.data() + sizeof req, out);
+    // Whatever the request queued is on its way before the client hears
+    // back, so a test that injected a message can read it at once.
+    flush_all();
     emu::CtlReply rep{};
     rep.magic = emu::kCtlMagic;
     if (err != 0) {
@@ -257,18 +273,18 @@ void Server::serve_control(int fd)
     ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
 }
 
-bool Server::read_routing(RouteSocket &sock)
+bool Server::read_routing(uint64_t id, int fd)
 {
     for (;;) {
-        ssize_t n = ::recv(sock.fd, rx_.data(), rx_.size(), MSG_TRUNC | MSG_DONTWAIT);
+        ssize_t n = ::recv(fd, rx_.data(), rx_.size(), MSG_TRUNC | MSG_DONTWAIT);
         if (n == 0) return false;
         if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
         if (static_cast<size_t>(n) > rx_.size()) {
             log_.line("socket %llu: message of %zd bytes is too large, dropped",
-                      static_cast<unsigned long long>(sock.id), n);
+                      static_cast<unsigned long long>(id), n);
             continue;
         }
-        kernel_.handle_message(sock, rx_.data(), static_cast<size_t>(n));
+        kernel_.receive(id, rx_.data(), static_cast<size_t>(n));
     }
 }
 
@@ -292,7 +308,12 @@ int Server::run(int signal_fd)
         fds.push_back({routing_listen_fd_, POLLIN, 0});
         fds.push_back({control_listen_fd_, POLLIN, 0});
         for (int fd : control_fds_) fds.push_back({fd, POLLIN, 0});
-        for (auto &c : conns_) fds.push_back({c->fd, POLLIN, 0});
+        // A socket with messages waiting is also polled for room to send.
+        for (const auto &c : conns_) {
+            const Socket *s = kernel_.socket(c.id);
+            const bool waiting = s != nullptr && !s->queue.empty() && !s->queue.paused;
+            fds.push_back({c.fd, static_cast<short>(POLLIN | (waiting ? POLLOUT : 0)), 0});
+        }
 
         if (::poll(fds.data(), fds.size(), -1) < 0) {
             if (errno == EINTR) continue;
@@ -314,18 +335,20 @@ int Server::run(int signal_fd)
         // Routing sockets first: a control request may name one that is
         // readable in this same round.
         size_t i = 3 + control_fds_.size();
-        std::vector<std::unique_ptr<RouteSocket>> kept;
+        std::vector<Conn> kept;
         kept.reserve(conns_.size());
-        for (auto &c : conns_) {
+        for (const auto &c : conns_) {
             const short rev = fds[i++].revents;
-            if (rev != 0 && !read_routing(*c)) {
-                log_.line("socket %llu: closed", static_cast<unsigned long long>(c->id));
-                ::close(c->fd);
+            if ((rev & ~POLLOUT) != 0 && !read_routing(c.id, c.fd)) {
+                log_.line("socket %llu: closed", static_cast<unsigned long long>(c.id));
+                ::close(c.fd);
+                kernel_.close_socket(c.id);
                 continue;
             }
-            kept.push_back(std::move(c));
+            kept.push_back(c);
         }
         conns_ = std::move(kept);
+        flush_all();
 
         std::vector<int> ready;
         for (size_t k = 0; k < control_fds_.size(); ++k)

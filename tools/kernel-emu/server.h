@@ -15,7 +15,7 @@
 
 namespace tarn::kemu {
 
-class Server : public Outbox {
+class Server {
 public:
     Server(const EmuConfig &cfg, const EmuLog &log);
     ~Server();
@@ -31,20 +31,22 @@ public:
     // SIGUSR1 logs the kernel's state.
     int run(int signal_fd);
 
-    int deliver(RouteSocket &sock, const uint8_t *msg, size_t len) override;
-
     Kernel &kernel() { return kernel_; }
 
 private:
     void accept_routing_sockets();
     void accept_control();
     void serve_control(int fd);
-    int run_command(RouteSocket *sock, const uint8_t *text, uint32_t len,
+    int run_command(uint64_t sock, const uint8_t *text, uint32_t len,
                     std::vector<uint8_t> &out);
     int control_request(const emu::CtlRequest &req, const uint8_t *value,
                         std::vector<uint8_t> &out);
-    bool read_routing(RouteSocket &sock);
-    RouteSocket *find_socket(const std::string &name);
+    bool read_routing(uint64_t id, int fd);
+    // Sends what waits in the sockets' queues until the queues are empty or
+    // the clients' receive buffers are full.
+    void flush_all();
+    void flush(uint64_t id, int fd);
+    Socket *find_socket(const std::string &name);
     void close_all();
     void log_state();
 
@@ -54,9 +56,12 @@ private:
     std::string ctl_path_;
     int routing_listen_fd_ = -1;
     int control_listen_fd_ = -1;
-    std::vector<std::unique_ptr<RouteSocket>> conns_;
+    struct Conn {
+        int fd;
+        uint64_t id;  // the kernel's socket
+    };
+    std::vector<Conn> conns_;
     std::vector<int> control_fds_;
-    uint64_t next_id_ = 1;
     std::vector<uint8_t> rx_;
 };
 

@@ -1,0 +1,305 @@
+// The control path's commands: inspection, scripted faults and changes made
+// behind the clients' backs.
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+#include <tarn/rtslib_route.h>
+
+#include "kernel.h"
+
+namespace tarn::kemu {
+namespace {
+
+// "-" stands for no bytes.
+bool parse_hex(const std::string &text, std::vector<uint8_t> &out)
+{
+    out.clear();
+    if (text == "-") return true;
+    if (text.empty() || text.size() % 2 != 0) return false;
+    for (size_t i = 0; i < text.size(); i += 2) {
+        const std::string pair = text.substr(i, 2);
+        char *end = nullptr;
+        const unsigned long byte = std::strtoul(pair.c_str(), &end, 16);
+        if (end != pair.c_str() + 2) return false;
+        out.push_back(static_cast<uint8_t>(byte));
+    }
+    return true;
+}
+
+template <size_t N>
+std::string hex(const std::array<uint8_t, N> &bytes)
+{
+    std::string s;
+    char b[3];
+    for (uint8_t v : bytes) {
+        std::snprintf(b, sizeof b, "%02x", v);
+        s += b;
+    }
+    return s;
+}
+
+// Reads numbers in order; false unless all of them are there.
+template <typename... T>
+bool read_numbers(std::istream &in, T &...v)
+{
+    return static_cast<bool>((in >> ... >> v));
+}
+
+std::string printable(const std::string &name)
+{
+    std::string s = name;
+    if (!s.empty() && s[0] == '\0') s[0] = '@';
+    return s;
+}
+
+std::string state_text(const Socket &s)
+{
+    const SocketState &st = s.state;
+    char buf[1024];
+    std::snprintf(buf, sizeof buf,
+                  "socket %" PRIu64 "\nname %s\nsender-id %u\nlr-id %u\nlisten-mask 0x%016" PRIx64
+                  "\nasync-mode 0x%x\nslave-mode %u\nmaster-mode %u\nlocal-slave-mode %u\n"
+                  "kernel-seq %u\nqueued %zu\nqueue-bound %zu\ndropped %" PRIu64 "\npaused %d\n",
+                  st.id, printable(st.name).c_str(), st.sender_id, st.lr_id, st.listen_mask,
+                  st.async_mode, st.slave_mode, st.master_mode, st.local_slave_mode, st.kernel_seq,
+                  s.queue.size(), s.queue.bound, s.queue.dropped, s.queue.paused ? 1 : 0);
+    return buf + ("subtypes " + hex(st.subtypes) + "\nfilters " + hex(st.filters) + "\n");
+}
+
+}  // namespace
+
+struct Commands {
+    using Run = int (*)(Kernel &, Socket *, std::istream &, std::string &);
+    struct Entry {
+        const char *name;
+        const char *args;
+        bool needs_socket;
+        const char *help;
+        Run run;
+    };
+    static const Entry kTable[];
+
+    // A change made through the control path goes to listeners as TLV,
+    // with no requester to answer.
+    template <typename Record, typename Apply>
+    static void change(Kernel &k, Record &req, Apply apply)
+    {
+        Emission out(k.sockets_, k.log_, 0, Encoding::kTlv);
+        (k.routing_.*apply)(req, out);
+        k.post(out.take());
+    }
+
+    static int help(Kernel &, Socket *, std::istream &, std::string &out)
+    {
+        out = command_help();
+        return 0;
+    }
+    static int dump(Kernel &k, Socket *, std::istream &, std::string &out)
+    {
+        out = k.routing_.dump();
+        return 0;
+    }
+    static int count(Kernel &k, Socket *, std::istream &, std::string &out)
+    {
+        out = "routes " + std::to_string(k.routing_.route_count()) + "\n";
+        return 0;
+    }
+    static int sockets(Kernel &k, Socket *, std::istream &, std::string &out)
+    {
+        char line[256];
+        for (const auto &[id, s] : k.sockets_) {
+            std::snprintf(line, sizeof line,
+                          "socket %" PRIu64 " listen-mask 0x%016" PRIx64
+                          " kernel-seq %u queued %zu dropped %" PRIu64 "\n",
+                          id, s.state.listen_mask, s.state.kernel_seq, s.queue.size(),
+                          s.queue.dropped);
+            out += line;
+        }
+        return 0;
+    }
+    static int state(Kernel &, Socket *s, std::istream &, std::string &out)
+    {
+        out = state_text(*s);
+        return 0;
+    }
+    static int drop_replies(Kernel &, Socket *s, std::istream &in, std::string &)
+    {
+        return read_numbers(in, s->state.drop_replies) ? 0 : EINVAL;
+    }
+    static int queue_bound(Kernel &, Socket *s, std::istream &in, std::string &)
+    {
+        return read_numbers(in, s->queue.bound) ? 0 : EINVAL;
+    }
+    static int pause(Kernel &, Socket *s, std::istream &, std::string &)
+    {
+        s->queue.paused = true;
+        return 0;
+    }
+    static int resume(Kernel &, Socket *s, std::istream &, std::string &)
+    {
+        s->queue.paused = false;
+        return 0;
+    }
+    static int inject(Kernel &k, Socket *s, std::istream &in, std::string &)
+    {
+        std::string text;
+        std::vector<uint8_t> bytes;
+        if (!(in >> text) || !parse_hex(text, bytes) || bytes.empty()) return EINVAL;
+        k.post({{s->state.id, std::move(bytes), false}});
+        return 0;
+    }
+    static int notify(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        std::string text;
+        std::vector<uint8_t> bytes;
+        if (!(in >> text) || !parse_hex(text, bytes)) return EINVAL;
+        Emission out(k.sockets_, k.log_, 0, Encoding::kTlv);
+        if (!out.notify_bytes(bytes)) return EINVAL;
+        k.post(out.take());
+        return 0;
+    }
+    static int route_change(Kernel &k, std::istream &in, uint8_t op)
+    {
+        unsigned tid = 0, af = 0, plen = 0, nh = 0, nhidx = 0;
+        std::string text;
+        std::vector<uint8_t> prefix;
+        if (!(in >> tid >> af >> text >> plen) || !parse_hex(text, prefix)) return EINVAL;
+        if (op == RTS_OP_ADD && !read_numbers(in, nh, nhidx)) return EINVAL;
+        rt_msg_t req{};
+        req.hdr.version = RTS_ROUTE_VERSION;
+        req.hdr.type = RTS_MSG_ROUTE;
+        req.hdr.op = op;
+        req.tid = static_cast<uint16_t>(tid);
+        req.af = static_cast<uint8_t>(af);
+        req.plen = static_cast<uint16_t>(plen);
+        req.prefix = prefix.empty() ? nullptr : prefix.data();
+        req.prefix_len = static_cast<uint32_t>(prefix.size());
+        req.nh = static_cast<uint8_t>(nh);
+        req.nhidx = nhidx;
+        const size_t before = k.routing_.route_count();
+        change(k, req, &Routing::route_request);
+        if (k.routing_.route_count() != before) return 0;
+        return op == RTS_OP_ADD ? EEXIST : ENOENT;
+    }
+    static int route_add(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        return route_change(k, in, RTS_OP_ADD);
+    }
+    static int route_delete(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        return route_change(k, in, RTS_OP_DELETE);
+    }
+    static int mgroup_change(Kernel &k, std::istream &in, uint8_t op)
+    {
+        unsigned tid = 0, af = 0, bits = 0, iif = 0;
+        std::string text;
+        std::vector<uint8_t> group;
+        if (!(in >> tid >> af >> text >> bits) || !parse_hex(text, group)) return EINVAL;
+        if (op == RTS_OP_ADD && !read_numbers(in, iif)) return EINVAL;
+        PrefixKey key;
+        if (!make_prefix_key(group.data(), static_cast<uint32_t>(group.size()),
+                             static_cast<uint16_t>(bits), key))
+            return EINVAL;
+        mgr_msg_t req{};
+        req.hdr.version = RTS_MGROUP_VERSION;
+        req.hdr.type = RTS_MSG_MGROUP;
+        req.hdr.op = op;
+        req.tid = static_cast<uint16_t>(tid);
+        req.af = static_cast<uint8_t>(af);
+        req.grp_plen = static_cast<uint16_t>(bits);
+        req.group = group.empty() ? nullptr : group.data();
+        req.group_len = static_cast<uint32_t>(group.size());
+        req.iif_index = iif;
+        change(k, req, &Routing::mgroup_request);
+        return 0;
+    }
+    static int mgroup_add(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        return mgroup_change(k, in, RTS_OP_ADD);
+    }
+    static int mgroup_delete(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        return mgroup_change(k, in, RTS_OP_DELETE);
+    }
+    static int table_add(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        unsigned tid = 0, af = 0;
+        std::string name;
+        if (!(in >> tid >> af >> name)) return EINVAL;
+        std::vector<uint8_t> name_z(name.begin(), name.end());
+        name_z.push_back(0);
+        static const uint8_t kNoLr[] = "null";
+        rtb_msg_t req{};
+        req.hdr.version = RTS_RTTABLE_VERSION;
+        req.hdr.type = RTS_MSG_RTTABLE;
+        req.hdr.op = RTS_OP_ADD;
+        req.tid = static_cast<uint16_t>(tid);
+        req.af = static_cast<uint8_t>(af);
+        req.name = name_z.data();
+        req.name_len = static_cast<uint32_t>(name_z.size());
+        req.lr_name = const_cast<uint8_t *>(kNoLr);
+        req.lr_name_len = sizeof kNoLr;
+        if (k.routing_.has_table(req.tid, req.af)) return EEXIST;
+        change(k, req, &Routing::table_request);
+        return 0;
+    }
+};
+
+const Commands::Entry Commands::kTable[] = {
+    {"help", "", false, "this list", help},
+    {"dump", "", false, "route tables, routes and multicast groups, one a line", dump},
+    {"count", "", false, "the number of routes", count},
+    {"sockets", "", false, "every routing socket with its listen mask, sequence and queue", sockets},
+    {"state", "", true,
+     "the socket's options, sequence counter, queue and drop count, one \"name value\" a line",
+     state},
+    {"drop-replies", "N", true, "drop the socket's next N answers", drop_replies},
+    {"queue-bound", "N", true,
+     "notifications beyond N waiting messages are dropped and counted", queue_bound},
+    {"pause", "", true, "stop sending to the socket (a stalled reader); its queue fills", pause},
+    {"resume", "", true, "send to the socket again", resume},
+    {"inject", "HEX", true, "queue the bytes on the socket as one message, as they are", inject},
+    {"notify", "HEX", false,
+     "send the message to every socket listening for its type, raw ones with each socket's "
+     "sequence number",
+     notify},
+    {"route-add", "TID AF HEX PLEN NH NHIDX", false, "add a route and notify listeners",
+     route_add},
+    {"route-delete", "TID AF HEX PLEN", false, "delete a route and notify listeners",
+     route_delete},
+    {"mgroup-add", "TID AF HEX BITS IIF", false, "add a multicast group and notify listeners",
+     mgroup_add},
+    {"mgroup-delete", "TID AF HEX BITS", false,
+     "delete a multicast group and notify listeners", mgroup_delete},
+    {"table-add", "TID AF NAME", false, "add a route table and notify listeners", table_add},
+};
+
+std::string command_help()
+{
+    std::string out;
+    for (const auto &c : Commands::kTable) {
+        std::string head = std::string(c.name) + (*c.args ? " " : "") + c.args;
+        if (c.needs_socket) head += " (socket)";
+        out += head + "\n    " + c.help + "\n";
+    }
+    return out;
+}
+
+int Kernel::command(uint64_t id, const std::string &text, std::string &out)
+{
+    std::istringstream in(text);
+    std::string verb;
+    in >> verb;
+    for (const auto &c : Commands::kTable) {
+        if (verb != c.name) continue;
+        Socket *s = socket(id);
+        if (c.needs_socket && s == nullptr) return EINVAL;
+        return c.run(*this, s, in, out);
+    }
+    return EOPNOTSUPP;
+}
+
+}  // namespace tarn::kemu
