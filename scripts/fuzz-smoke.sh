@@ -15,6 +15,7 @@ TARGETS=(
   fuzz_idl_tlv_envelope
   fuzz_idl_idr_envelope
   fuzz_idl_records
+  fuzz_async_dispatch
 )
 SECONDS_PER_TARGET=${FUZZ_SECONDS:-25}
 

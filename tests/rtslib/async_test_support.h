@@ -56,12 +56,12 @@ inline std::vector<uint8_t> socket_option(rtslib_cookie *h, int optname, uint32_
     return v;
 }
 
+// The listen mask in the emulator's typed socket state (high word first).
 inline uint64_t listen_mask(rtslib_cookie *h)
 {
-    const auto v = socket_option(h, ROUTE_LISTEN_MASK, 8);
-    uint64_t m = 0;
-    std::memcpy(&m, v.data(), v.size() < 8 ? v.size() : 8);
-    return m;
+    const std::string v = socket_state(h->fd, "listen-mask");
+    EXPECT_EQ(v.size(), 18u) << v;
+    return v.size() == 18 ? std::stoull(v, nullptr, 16) : ~uint64_t{0};
 }
 
 inline size_t count_of(const std::string &text, const std::string &what)
