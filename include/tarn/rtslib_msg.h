@@ -56,7 +56,10 @@ TARN_API int rtslib_msg_write_idl(rtslib_cookie *handle, const void *record, con
 /* Read the next message (rtslib_msg_read: at most RTS_MSG_MAX bytes) and
  * decode it with rtslib_msg_idl_decode; *record_out is the caller's to release
  * with rtslib_msg_idl_release. A sequence mismatch is returned without
- * decoding. */
+ * decoding. These reads hand out a record or fail: an envelope of a type
+ * that has no record is reported and gives EIO (rtslib_msg_idl_decode itself
+ * accepts it with a null record). The same holds wherever the library uses
+ * a decoded record (message lists, the answers of requests). */
 TARN_API int rtslib_msg_read_idl(rtslib_cookie *handle, void **record_out, void **map_out);
 /* As rtslib_msg_read_idl, decoding into the caller's arena. */
 TARN_API int rtslib_msg_read_idl_pa(rtslib_cookie *handle, void **record_out, void **map_out,
@@ -69,9 +72,11 @@ TARN_API int rtslib_long_msg_read_idl_pa(rtslib_cookie *handle, void **record_ou
 
 /* --- Message lists ------------------------------------------------------ */
 
-#define RTSLIB_MSG_LIST_RAW_BUFFER 1 /* one raw buffer (fewer than 4 bytes) */
+#define RTSLIB_MSG_LIST_RAW_BUFFER 1 /* filled from raw messages: entries point into
+                                        the buffer, which the list owns */
 #define RTSLIB_MSG_LIST_ADDED 2      /* messages added one at a time */
-#define RTSLIB_MSG_LIST_FILLED 3     /* filled from a buffer of messages */
+#define RTSLIB_MSG_LIST_FILLED 3     /* filled from IDL envelopes: entries are
+                                        decoded records the list owns */
 
 typedef struct rtslib_msg_list {
     uint8_t version;     /* header byte 4 of the messages */
@@ -94,7 +99,11 @@ TARN_API int rtslib_msg_list_add(rtslib_cookie *handle, rtslib_msg_list *list, v
 
 /* Resets the list and fills it from len bytes of consecutive messages. Raw
  * messages are pointed at in place; IDL envelopes are decoded into records.
- * The messages must end exactly at the end of the buffer. */
+ * The first message says which the buffer holds, and every message must be
+ * of that kind, at least a header long, and the last must end exactly at the
+ * end of the buffer: EINVAL otherwise. An envelope of a type that has no
+ * record is EIO (reported). After a failure the list may hold the entries
+ * decoded so far; rtslib_msg_list_free releases them as usual. */
 TARN_API int rtslib_msg_list_fillin(rtslib_cookie *handle, rtslib_msg_list *list, uint32_t len,
                                     void *buffer);
 

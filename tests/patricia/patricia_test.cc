@@ -501,7 +501,10 @@ TEST_F(PatriciaDeathTest, GetWithoutKeyLengthAbortsSilently)
 {
     Tree t;
     t.add({1});
-    EXPECT_EXIT(patricia_get(t.root(), 0, Key{1}.data()), testing::KilledBySignal(SIGABRT), "^$");
+    // Nothing of the library's own: under qemu-user the emulator itself adds
+    // one line about the signal.
+    EXPECT_EXIT(patricia_get(t.root(), 0, Key{1}.data()), testing::KilledBySignal(SIGABRT),
+                "^(qemu: uncaught target signal 6 [^\n]*\n)?$");
 }
 
 TEST_F(PatriciaDeathTest, GetnextWithoutKeyLength)

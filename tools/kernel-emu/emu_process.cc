@@ -20,7 +20,10 @@
 #include "libtarn/os/emu_protocol.h"
 
 namespace tarn::kemu {
+
 namespace {
+
+constexpr const char kTargetRunner[] = TARN_TARGET_RUNNER;
 
 bool can_connect(const std::string &path)
 {
@@ -47,7 +50,11 @@ EmulatorProcess::EmulatorProcess(const std::string &binary, std::vector<std::str
     path_ = dir_ + "/kernel.sock";
     const std::string log = dir_ + "/emu.out";
 
-    std::vector<std::string> argv_s = {binary, "--socket", path_};
+    // Programs of a cross build start through the runner its tests use
+    // (qemu-i386 on a host that cannot execute i386 code itself).
+    std::vector<std::string> argv_s;
+    if (kTargetRunner[0] != '\0') argv_s.push_back(kTargetRunner);
+    argv_s.insert(argv_s.end(), {binary, "--socket", path_});
     argv_s.insert(argv_s.end(), args.begin(), args.end());
     std::vector<char *> argv;
     for (auto &a : argv_s) argv.push_back(a.data());

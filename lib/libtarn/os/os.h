@@ -33,12 +33,22 @@ int sysctl_by_name(const char *name, void *oldp, size_t *oldlenp, const void *ne
 // write(2) on a routing socket.
 ssize_t route_write(int fd, const void *buf, size_t len);
 
-// Waits until the answer to a request just written can be read. The target
-// kernel queues its answer before write() returns, so there this returns at
-// once; the emulator answers from another process, so the host waits for the
-// descriptor to become readable (TARN_KERNEL_REPLY_TIMEOUT_MS, default 5000).
-// A reply that never comes then reads as EAGAIN.
-void await_answer(int fd);
+// How long a request waits for its answer after the write.
+enum class AnswerWait : uint8_t {
+    // The target kernel queues the answer before write() returns.
+    queued,
+    // The target kernel answers later; the caller blocks until it does.
+    blocking,
+};
+
+// Waits until the answer to a request just written can be read: 0, or the
+// errno of a failed wait. On the target, `queued` returns at once and
+// `blocking` selects with no time-out. The emulator answers from another
+// process, so the host waits for the descriptor to become readable in both
+// cases, for at most TARN_KERNEL_REPLY_TIMEOUT_MS (default 5000); an answer
+// that never comes then reads as EAGAIN, so a lost answer cannot hang a
+// daemon under test.
+int await_answer(int fd, AnswerWait how);
 
 // Closes a routing-socket descriptor.
 int route_socket_close(int fd);

@@ -221,14 +221,16 @@ int set_nonblocking(int fd)
     return ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 }
 
-void await_answer(int fd)
+int await_answer(int fd, AnswerWait)
 {
     int timeout_ms = 5000;
     if (const char *env = std::getenv("TARN_KERNEL_REPLY_TIMEOUT_MS"); env != nullptr)
         timeout_ms = std::atoi(env);
     pollfd p{fd, POLLIN, 0};
-    while (::poll(&p, 1, timeout_ms) < 0 && errno == EINTR) {
+    while (::poll(&p, 1, timeout_ms) < 0) {
+        if (errno != EINTR) return errno;
     }
+    return 0;
 }
 
 int route_socket_close(int fd)

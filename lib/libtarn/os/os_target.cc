@@ -2,8 +2,11 @@
 #include "libtarn/os/os.h"
 
 #include <fcntl.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <tarn/rtsock_wire.h>
 
@@ -52,8 +55,14 @@ ssize_t route_write(int fd, const void *buf, size_t len)
     return ::write(fd, buf, len);
 }
 
-void await_answer(int)
+int await_answer(int fd, AnswerWait how)
 {
+    if (how == AnswerWait::queued) return 0;
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    if (::select(fd + 1, &readable, nullptr, nullptr, nullptr) <= 0) return errno;
+    return 0;
 }
 
 int route_socket_close(int fd)

@@ -2,8 +2,30 @@
 // and writes.
 #include <cerrno>
 
+#include "libtarn/rtslib/msg_io_internal.h"
+#include "libtarn/rtslib/wire.h"
 #include <tarn/idl.h>
 #include <tarn/rtslib_msg.h>
+
+namespace tarn {
+
+int decode_record(rtslib_cookie *h, const void *buf, uint32_t len, void **record_out,
+                  void **map_out, void *arena_base, uint32_t arena_size)
+{
+    *record_out = nullptr;
+    int rc = arena_base != nullptr
+                 ? rtslib_msg_idl_decode_pa(h, buf, len, record_out, map_out, arena_base,
+                                            arena_size)
+                 : rtslib_msg_idl_decode(h, buf, len, record_out, map_out);
+    if (rc != 0 || *record_out != nullptr) return rc;
+    // Decoded without error, so the envelope header (12 bytes) is there.
+    rtslib_err(h, RTSLIB_LOG_ERROR, "IDL message of type %u carries no record\n",
+               wire::load_u32(static_cast<const uint8_t *>(buf) + 8));
+    if (map_out != nullptr) *map_out = nullptr;
+    return EIO;
+}
+
+}  // namespace tarn
 
 namespace {
 
@@ -28,10 +50,7 @@ int read_and_decode(rtslib_cookie *h, BoundedRead read, void **record_out, void 
     uint32_t len = 0;
     int rc = read(h, &msg, &len);
     if (rc == 0) {
-        rc = arena_base != nullptr
-                 ? rtslib_msg_idl_decode_pa(h, msg, len, record_out, map_out, arena_base,
-                                            arena_size)
-                 : rtslib_msg_idl_decode(h, msg, len, record_out, map_out);
+        rc = tarn::decode_record(h, msg, len, record_out, map_out, arena_base, arena_size);
         if (rc < 0 && negative_is_einval) rc = EINVAL;
     }
     rtslib_msg_free(h, msg);

@@ -18,6 +18,13 @@ int read_message(rtslib_cookie *h, uint8_t *buf, uint32_t size, uint32_t *len_ou
 // context the handle's counter follows the message.
 int check_sequence(rtslib_cookie *h, const uint8_t *msg);
 
+// Decodes an envelope (into the caller's arena when arena_base is given)
+// for a caller that goes on to use the record. A type without a member
+// record decodes to no record at all; wherever a record is needed that is a
+// malformed message: reported, EIO, nothing left allocated.
+int decode_record(rtslib_cookie *h, const void *buf, uint32_t len, void **record_out,
+                  void **map_out, void *arena_base = nullptr, uint32_t arena_size = 0);
+
 }  // namespace tarn
 
 #endif  // LIBTARN_RTSLIB_MSG_IO_INTERNAL_H

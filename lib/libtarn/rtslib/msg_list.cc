@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libtarn/rtslib/msg_io_internal.h"
 #include "libtarn/rtslib/wire.h"
 #include <tarn/idl.h>
 #include <tarn/rtslib_msg.h>
@@ -14,20 +15,31 @@ using tarn::wire::load_u32;
 // A list built by adds grows once, to this many entries, and never again.
 constexpr uint16_t kAddedListCapacity = 16;
 
-// Counts the messages in a buffer, walking their claimed lengths. The walk
-// must land exactly on the buffer's end; a zero, short or overlong length
-// makes the buffer malformed (0).
+// The length of the message at `off`, or 0 when the buffer is malformed
+// there: too few bytes left for its header, a length shorter than its header
+// or running past the end, or a message of the other kind (a buffer holds
+// raw messages or envelopes, as its first message says, never both). The
+// counting and the filling walk both step with this, so they cannot
+// disagree, and every step moves forward.
+uint32_t message_at(const uint8_t *buf, uint32_t len, uint32_t off, bool envelopes)
+{
+    const uint32_t left = len - off;
+    const uint32_t header = envelopes ? RTS_IDL_ENVELOPE_HDR_LEN : RTS_HDR_MIN_LEN;
+    if (left < 4 || is_envelope(buf + off) != envelopes) return 0;
+    if (left < (envelopes ? 8u : header)) return 0;
+    const uint64_t msg_len = tarn::wire::claimed_length(buf + off);
+    if (msg_len < header || msg_len > left) return 0;
+    return static_cast<uint32_t>(msg_len);
+}
+
+// The number of messages in the buffer, or 0 when it is malformed anywhere.
 uint32_t count_messages(const uint8_t *buf, uint32_t len, bool envelopes)
 {
-    const uint32_t header = envelopes ? 8 : RTS_HDR_MIN_LEN;
     uint32_t count = 0;
-    uint64_t off = 0;
-    while (off < len) {
-        if (len - off < header) return 0;
-        const uint64_t msg_len = tarn::wire::claimed_length(buf + off);
-        if (msg_len < header || msg_len > len - off) return 0;
+    for (uint32_t off = 0; off < len; ++count) {
+        const uint32_t msg_len = message_at(buf, len, off, envelopes);
+        if (msg_len == 0) return 0;
         off += msg_len;
-        ++count;
     }
     return count;
 }
@@ -48,7 +60,7 @@ int fill_raw(rtslib_cookie *h, rtslib_msg_list *list, uint8_t *buf, uint32_t len
     list->kind = RTSLIB_MSG_LIST_RAW_BUFFER;
     list->entries = static_cast<void **>(rtslib_size_alloc(h, count * sizeof(void *)));
     if (list->entries == nullptr) return ENOMEM;
-    for (uint32_t off = 0; off < len; off += load_u32(buf + off + RTS_HDR_LEN_OFF)) {
+    for (uint32_t off = 0; list->count < count; off += message_at(buf, len, off, false)) {
         list->entries[list->count++] = buf + off;
         list->version = buf[off + RTS_HDR_VERSION_OFF];
         list->type = buf[off + RTS_HDR_TYPE_OFF];
@@ -64,12 +76,11 @@ int fill_envelopes(rtslib_cookie *h, rtslib_msg_list *list, const uint8_t *buf, 
     list->entries = static_cast<void **>(rtslib_size_alloc(h, count * sizeof(void *)));
     list->decode_args = static_cast<void **>(rtslib_size_alloc(h, count * sizeof(void *)));
     if (list->entries == nullptr || list->decode_args == nullptr) return ENOMEM;
-    uint32_t off = 0;
-    while (off < len) {
-        const uint32_t msg_len = static_cast<uint32_t>(tarn::wire::claimed_length(buf + off));
+    for (uint32_t off = 0; list->count < count;) {
+        const uint32_t msg_len = message_at(buf, len, off, true);
         void *record = nullptr;
         void *map = nullptr;
-        int rc = rtslib_msg_idl_decode(h, buf + off, msg_len, &record, &map);
+        int rc = tarn::decode_record(h, buf + off, msg_len, &record, &map);
         if (rc != 0) return rc;
         const auto *hdr = static_cast<const rts_hdr_t *>(record);
         list->entries[list->count] = record;
@@ -128,10 +139,7 @@ int rtslib_msg_list_fillin(rtslib_cookie *h, rtslib_msg_list *list, uint32_t len
     if (h == nullptr || list == nullptr || len == 0 || buffer == nullptr) return EINVAL;
     std::memset(list, 0, sizeof *list);
     auto *buf = static_cast<uint8_t *>(buffer);
-    if (len >= 4 && is_envelope(buf)) {
-        if (len < 8) return EINVAL;
-        return fill_envelopes(h, list, buf, len);
-    }
+    if (len >= 4 && is_envelope(buf)) return fill_envelopes(h, list, buf, len);
     return fill_raw(h, list, buf, len);
 }
 

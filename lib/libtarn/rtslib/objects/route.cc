@@ -1,21 +1,21 @@
 #include <cerrno>
 #include <cstring>
 
-#include "libtarn/os/os.h"
 #include "libtarn/rtslib/objects/request.h"
 #include <tarn/rtslib_msg.h>
 #include <tarn/rtslib_route.h>
 
 namespace {
 
+using tarn::Answer;
 using tarn::RequestBuffer;
 
 // A route request with the fields every request sets.
-rt_msg_t *new_route(rtslib_cookie *h, RequestBuffer &rb, uint8_t op, uint16_t tid, uint8_t af,
+rt_msg_t *new_route(RequestBuffer &rb, uint8_t op, uint16_t tid, uint8_t af,
                     uint8_t type, uint32_t flags)
 {
     auto *rt = rb.record<rt_msg_t>();
-    tarn::stamp_header(h, rt->hdr, RTS_ROUTE_VERSION, RTS_MSG_ROUTE, op, RTS_ROUTE_FIXED_LEN);
+    tarn::init_header(rt->hdr, RTS_ROUTE_VERSION, RTS_MSG_ROUTE, op, RTS_ROUTE_FIXED_LEN);
     rt->tid = tid;
     rt->af = af;
     rt->type = type;
@@ -54,20 +54,19 @@ bool set_source(RequestBuffer &rb, rt_msg_t *rt, const rts_sockaddr *source)
     return true;
 }
 
-// Writes a route request and, when `record_out` is given, reads the answer
-// the kernel queues for it (into the arena when one is given).
-int exchange(rtslib_cookie *h, const rt_msg_t *rt, rt_msg_t **record_out, void **map_out,
-             void *arena_base = nullptr, uint32_t arena_size = 0)
+// How the answer to a route request is read: answered operations read one
+// message of any length, into the caller's arena when one is given.
+Answer route_answer(uint8_t op, rt_msg_t **record_out, void **map_out, void *arena_base = nullptr,
+                    uint32_t arena_size = 0)
 {
-    int rc = rtslib_msg_write_idl(h, rt, nullptr);
-    if (rc != 0 || record_out == nullptr) return rc;
-    tarn::os::await_answer(h->fd);
-    void **out = reinterpret_cast<void **>(record_out);
-    rc = arena_base != nullptr
-             ? rtslib_long_msg_read_idl_pa(h, out, map_out, arena_base, arena_size)
-             : rtslib_long_msg_read_idl(h, out, map_out);
-    if (rc != 0) *record_out = nullptr;
-    return rc;
+    Answer a;
+    if (!tarn::is_answered(op)) return a;
+    a.read = Answer::Read::any_length;
+    a.record_out = reinterpret_cast<void **>(record_out);
+    a.map_out = map_out;
+    a.arena_base = arena_base;
+    a.arena_size = arena_size;
+    return a;
 }
 
 // The caller's record with a new operation and sequence number.
@@ -75,12 +74,11 @@ int send_record(rtslib_cookie *h, rt_msg_t *record, uint8_t op, rt_msg_t **recor
                 void **map_out, void *arena_base, uint32_t arena_size)
 {
     const bool answered = tarn::is_answered(op);
-    if (answered && record_out == nullptr) return EINVAL;
-    if (record_out != nullptr) *record_out = nullptr;
-    if (h == nullptr || record == nullptr) return EINVAL;
+    if (int rc = tarn::check_request(h, record != nullptr, answered, record_out); rc != 0)
+        return rc;
     record->hdr.op = op;
-    record->hdr.seq = ++h->seq;
-    return exchange(h, record, answered ? record_out : nullptr, map_out, arena_base, arena_size);
+    return tarn::send_idl(h, &record->hdr,
+                          route_answer(op, record_out, map_out, arena_base, arena_size));
 }
 
 }  // namespace
@@ -92,10 +90,10 @@ int rtslib_rtm_add(rtslib_cookie *h, uint16_t tid, uint8_t af, uint8_t type, uin
                    uint32_t nhidx, uint8_t byte47, const uint8_t *prefix, uint16_t plen,
                    const rts_sockaddr *source, uint32_t *ack_index)
 {
-    if (h == nullptr || (prefix == nullptr && plen > 0)) return EINVAL;
+    if (int rc = tarn::check_request(h, prefix != nullptr || plen == 0); rc != 0) return rc;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rt_msg_t *rt = new_route(h, rb, ack_index != nullptr ? RTS_OP_ADD_ACK : RTS_OP_ADD, tid, af,
+    rt_msg_t *rt = new_route(rb, ack_index != nullptr ? RTS_OP_ADD_ACK : RTS_OP_ADD, tid, af,
                              type, flags);
     if (ack_index != nullptr) rt->hdr.op_flags = RTS_OP_FLAG_ACK;
     rt->nh = nh;
@@ -108,12 +106,13 @@ int rtslib_rtm_add(rtslib_cookie *h, uint16_t tid, uint8_t af, uint8_t type, uin
     if (!set_prefix(rb, rt, prefix, plen)) return EINVAL;
     if (source != nullptr && source->sa_len > 0 && !set_source(rb, rt, source)) return EINVAL;
 
-    int rc = rtslib_msg_write_idl(h, rt, nullptr);
-    if (rc != 0 || ack_index == nullptr) return rc;
+    if (ack_index == nullptr) return tarn::send_idl(h, &rt->hdr, Answer{});
 
-    tarn::os::await_answer(h->fd);
     rt_msg_t *reply = nullptr;
-    rc = rtslib_long_msg_read_idl(h, reinterpret_cast<void **>(&reply), nullptr);
+    Answer ack;
+    ack.read = Answer::Read::any_length;
+    ack.record_out = reinterpret_cast<void **>(&reply);
+    int rc = tarn::send_idl(h, &rt->hdr, ack);
     if (rc != 0) {
         rtslib_err(h, RTSLIB_LOG_ERROR, " failed to get route add ack index\n");
         return rc;
@@ -127,36 +126,39 @@ int rtslib_rtm_delete(rtslib_cookie *h, rt_msg_t *record)
 {
     if (h == nullptr || record == nullptr) return EINVAL;
     record->hdr.op = RTS_OP_DELETE;
-    return rtslib_msg_write_idl(h, record, nullptr);
+    // The caller numbered this record; the kernel sends nothing back.
+    Answer none;
+    none.stamp = false;
+    return tarn::send_idl(h, &record->hdr, none);
 }
 
 int rtslib_rtm_delete_prefix(rtslib_cookie *h, uint16_t tid, uint8_t af, uint8_t type,
                              uint16_t flags, const uint8_t *prefix, uint16_t plen, uint32_t word2)
 {
-    if (h == nullptr || (prefix == nullptr && plen > 0)) return EINVAL;
+    if (int rc = tarn::check_request(h, prefix != nullptr || plen == 0); rc != 0) return rc;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rt_msg_t *rt = new_route(h, rb, RTS_OP_DELETE, tid, af, type, flags);
+    rt_msg_t *rt = new_route(rb, RTS_OP_DELETE, tid, af, type, flags);
     rt->owner_id = word2;
     if (!set_prefix(rb, rt, prefix, plen)) return EINVAL;
-    return rtslib_msg_write_idl(h, rt, nullptr);
+    return tarn::send_idl(h, &rt->hdr, Answer{});
 }
 
 int rtslib_rtm_get(rtslib_cookie *h, uint16_t tid, uint8_t af, const uint8_t *prefix,
                    uint16_t plen, uint8_t type, uint8_t flags, uint32_t word1, uint8_t byte47,
                    uint8_t op, rt_msg_t **record_out, void **map_out)
 {
-    const bool answered = tarn::is_answered(op);
-    if (answered && record_out == nullptr) return EINVAL;
-    if (record_out != nullptr) *record_out = nullptr;
-    if (h == nullptr || (prefix == nullptr && plen > 0)) return EINVAL;
+    if (int rc = tarn::check_request(h, prefix != nullptr || plen == 0, tarn::is_answered(op),
+                                     record_out);
+        rc != 0)
+        return rc;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rt_msg_t *rt = new_route(h, rb, op, tid, af, type, flags);
+    rt_msg_t *rt = new_route(rb, op, tid, af, type, flags);
     rt->instance_id = word1;
     rt->lookup_flags = byte47;
     if (plen > 0 && !set_prefix(rb, rt, prefix, plen)) return EINVAL;
-    return exchange(h, rt, answered ? record_out : nullptr, map_out);
+    return tarn::send_idl(h, &rt->hdr, route_answer(op, record_out, map_out));
 }
 
 int rtslib_rtm_get_by_type(rtslib_cookie *h, uint8_t af, uint8_t type, uint8_t op,

@@ -1,10 +1,7 @@
 // Route tables, route statistics and multicast groups.
-#include <sys/select.h>
-
 #include <cerrno>
 #include <cstring>
 
-#include "libtarn/os/os.h"
 #include "libtarn/rtslib/objects/request.h"
 #include "libtarn/rtslib/wire.h"
 #include <tarn/rtslib_msg.h>
@@ -12,6 +9,7 @@
 
 namespace {
 
+using tarn::Answer;
 using tarn::RequestBuffer;
 
 constexpr uint16_t kTableByName = 0xffff;
@@ -37,25 +35,22 @@ bool place_name(RequestBuffer &rb, const char *name, uint8_t **at, uint32_t *len
     return true;
 }
 
-rtb_msg_t *new_table(rtslib_cookie *h, RequestBuffer &rb, uint8_t op)
+rtb_msg_t *new_table(RequestBuffer &rb, uint8_t op)
 {
     auto *rtb = rb.record<rtb_msg_t>();
-    tarn::stamp_header(h, rtb->hdr, RTS_RTTABLE_VERSION, RTS_MSG_RTTABLE, op,
-                       RTS_RTTABLE_FIXED_LEN);
+    tarn::init_header(rtb->hdr, RTS_RTTABLE_VERSION, RTS_MSG_RTTABLE, op, RTS_RTTABLE_FIXED_LEN);
     return rtb;
 }
 
 // Writes a request and reads the one bounded answer it gets.
 template <typename Record>
-int ask(rtslib_cookie *h, const void *request, Record **record_out, void **map_out)
+int ask(rtslib_cookie *h, rts_hdr_t *request, Record **record_out, void **map_out)
 {
-    int rc = rtslib_msg_write_idl(h, request, nullptr);
-    if (rc == 0) {
-        tarn::os::await_answer(h->fd);
-        rc = rtslib_msg_read_idl(h, reinterpret_cast<void **>(record_out), map_out);
-    }
-    if (rc != 0) *record_out = nullptr;
-    return rc;
+    Answer a;
+    a.read = Answer::Read::bounded;
+    a.record_out = reinterpret_cast<void **>(record_out);
+    a.map_out = map_out;
+    return tarn::send_idl(h, request, a);
 }
 
 }  // namespace
@@ -65,10 +60,10 @@ extern "C" {
 int rtslib_rtbm_add_lr(rtslib_cookie *h, const char *name, uint16_t tid, uint8_t af,
                        const char *lr_name, uint8_t lr_byte, uint8_t byte7)
 {
-    if (h == nullptr) return EINVAL;
+    if (int rc = tarn::check_request(h, true); rc != 0) return rc;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rtb_msg_t *rtb = new_table(h, rb, RTS_OP_ADD);
+    rtb_msg_t *rtb = new_table(rb, RTS_OP_ADD);
     rtb->hdr.op_flags = byte7;
     rtb->hdr.msglen = RTS_RTTABLE_FIXED_LEN;
     rtb->tid = tid;
@@ -82,7 +77,7 @@ int rtslib_rtbm_add_lr(rtslib_cookie *h, const char *name, uint16_t tid, uint8_t
     if (!place_name(rb, name, &rtb->name, &rtb->name_len)) return EINVAL;
     if (lr_name != nullptr && !place_name(rb, lr_name, &rtb->lr_name, &rtb->lr_name_len))
         return EINVAL;
-    const int rc = rtslib_msg_write_idl(h, rtb, nullptr);
+    const int rc = tarn::send_idl(h, &rtb->hdr, Answer{});
     // The add hands its request to the decoded-message release rather than
     // the buffer free every other request uses; both free the same block.
     rtslib_msg_idl_release(h, rb.release());
@@ -97,46 +92,42 @@ int rtslib_rtbm_add(rtslib_cookie *h, const char *name, uint16_t tid, uint8_t af
 int rtslib_rtbm_update(rtslib_cookie *h, uint16_t tid, uint8_t af, uint32_t word1,
                        const char *name, uint32_t word2, uint16_t half, uint8_t op)
 {
-    if (h == nullptr) return EINVAL;
+    if (int rc = tarn::check_request(h, true); rc != 0) return rc;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rtb_msg_t *rtb = new_table(h, rb, op);
+    rtb_msg_t *rtb = new_table(rb, op);
     rtb->tid = tid;
     rtb->af = af;
     rtb->table_id_ext = word1;
     rtb->table_attr = word2;
     rtb->table_attr_ext = half;
     if (name != nullptr && !place_name(rb, name, &rtb->name, &rtb->name_len)) return EINVAL;
-    return rtslib_msg_write_idl(h, rtb, nullptr);
+    return tarn::send_idl(h, &rtb->hdr, Answer{});
 }
 
 int rtslib_rtbm_get_by_index(rtslib_cookie *h, uint8_t af, uint16_t tid, uint8_t op,
                              rtb_msg_t **record_out, void **map_out)
 {
-    if (record_out == nullptr) return EINVAL;
-    *record_out = nullptr;
-    if (h == nullptr) return EINVAL;
+    if (int rc = tarn::check_request(h, true, true, record_out); rc != 0) return rc;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rtb_msg_t *rtb = new_table(h, rb, op);
+    rtb_msg_t *rtb = new_table(rb, op);
     rtb->tid = tid;
     rtb->af = af;
-    return ask(h, rtb, record_out, map_out);
+    return ask(h, &rtb->hdr, record_out, map_out);
 }
 
 int rtslib_rtbm_get_by_name(rtslib_cookie *h, uint8_t af, const char *name,
                             rtb_msg_t **record_out, void **map_out)
 {
-    if (record_out == nullptr) return EINVAL;
-    *record_out = nullptr;
-    if (h == nullptr || name == nullptr) return EINVAL;
+    if (int rc = tarn::check_request(h, name != nullptr, true, record_out); rc != 0) return rc;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
-    rtb_msg_t *rtb = new_table(h, rb, RTS_OP_GET);
+    rtb_msg_t *rtb = new_table(rb, RTS_OP_GET);
     rtb->tid = kTableByName;
     rtb->af = af;
     if (!place_name(rb, name, &rtb->name, &rtb->name_len)) return EINVAL;
-    return ask(h, rtb, record_out, map_out);
+    return ask(h, &rtb->hdr, record_out, map_out);
 }
 
 int rtslib_rtstats_get(rtslib_cookie *h, uint8_t a, uint16_t b, uint8_t e, uint32_t d,
@@ -144,7 +135,8 @@ int rtslib_rtstats_get(rtslib_cookie *h, uint8_t a, uint16_t b, uint8_t e, uint3
                        uint32_t stats_out[RTS_RTSTATS_COUNTERS])
 {
     using namespace tarn::wire;
-    if (h == nullptr || prefix == nullptr || stats_out == nullptr) return EINVAL;
+    if (int rc = tarn::check_request(h, prefix != nullptr && stats_out != nullptr); rc != 0)
+        return rc;
     const uint32_t prefix_bytes = tarn::padded_prefix_len(bits);
     const uint32_t total = RTS_RTSTATS_FIXED_LEN + prefix_bytes;
     RequestBuffer rb(h);
@@ -154,7 +146,6 @@ int rtslib_rtstats_get(rtslib_cookie *h, uint8_t a, uint16_t b, uint8_t e, uint3
     req[RTS_HDR_TYPE_OFF] = RTS_MSG_RTSTATS;
     req[RTS_HDR_OP_OFF] = RTS_OP_GET;
     store_u32(req + RTS_HDR_LEN_OFF, total);
-    store_u32(req + RTS_HDR_SEQ_OFF, ++h->seq);
     store_u16(req + RTS_HDR_FIXED_LEN_OFF, RTS_RTSTATS_FIXED_LEN);
     req[kStatsA] = a;
     store_u16(req + kStatsB, b);
@@ -164,18 +155,11 @@ int rtslib_rtstats_get(rtslib_cookie *h, uint8_t a, uint16_t b, uint8_t e, uint3
     store_u32(req + kStatsD, d);
     std::memcpy(req + RTS_RTSTATS_FIXED_LEN, prefix, (bits + 7u) / 8u);
 
-    int rc = rtslib_write(h, req, total);
-    if (rc != 0) return rc;
     // The socket is non-blocking, but this call deliberately waits for the
     // kernel's answer.
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(h->fd, &readable);
-    if (::select(h->fd + 1, &readable, nullptr, nullptr, nullptr) <= 0) return errno;
-
     void *answer_buf = nullptr;
     uint32_t len = 0;
-    rc = rtslib_long_msg_read(h, &answer_buf, &len);
+    int rc = tarn::send_raw(h, req, total, &answer_buf, &len);
     if (rc != 0) return rc;
     const auto *answer = static_cast<const uint8_t *>(answer_buf);
     // The answer repeats the request and carries the counters after it; it
@@ -197,13 +181,13 @@ int rtslib_mgrm_get(rtslib_cookie *h, uint16_t tid, uint8_t af, const void *grou
                     uint8_t op, mgr_msg_t **record_out, void **map_out)
 {
     const bool answered = tarn::is_answered(op);
-    if (answered && record_out == nullptr) return EINVAL;
-    if (record_out != nullptr) *record_out = nullptr;
-    if (h == nullptr || (group == nullptr && bits > 0)) return EINVAL;
+    if (int rc = tarn::check_request(h, group != nullptr || bits == 0, answered, record_out);
+        rc != 0)
+        return rc;
     RequestBuffer rb(h);
     if (!rb.ok()) return ENOMEM;
     auto *mgr = rb.record<mgr_msg_t>();
-    tarn::stamp_header(h, mgr->hdr, RTS_MGROUP_VERSION, RTS_MSG_MGROUP, op, RTS_MGROUP_FIXED_LEN);
+    tarn::init_header(mgr->hdr, RTS_MGROUP_VERSION, RTS_MSG_MGROUP, op, RTS_MGROUP_FIXED_LEN);
     mgr->af = af;
     mgr->tid = tid;
     if (bits > 0) {
@@ -211,8 +195,8 @@ int rtslib_mgrm_get(rtslib_cookie *h, uint16_t tid, uint8_t af, const void *grou
         mgr->group = tarn::place_prefix(rb, group, bits, &mgr->group_len);
         if (mgr->group == nullptr) return EINVAL;
     }
-    if (!answered) return rtslib_msg_write_idl(h, mgr, nullptr);
-    return ask(h, mgr, record_out, map_out);
+    if (!answered) return tarn::send_idl(h, &mgr->hdr, Answer{});
+    return ask(h, &mgr->hdr, record_out, map_out);
 }
 
 }  // extern "C"
