@@ -205,8 +205,9 @@ int rtslib_async_opaque_handle(rtslib_cookie *h, uint8_t op, const void *data, u
 
     void *reply = rtslib_msg_malloc(h);
     if (reply == nullptr) return ENOMEM;
-    tarn::os::await_answer(h->fd);
-    rc = rtslib_msg_read(h, reply, nullptr);
+    // The reply comes from whoever the kernel hands the message to, later.
+    rc = tarn::os::await_answer(h->fd, tarn::os::AnswerWait::blocking);
+    if (rc == 0) rc = rtslib_msg_read(h, reply, nullptr);
     if (rc != 0) {
         rtslib_msg_free(h, reply);
         return rc;
