@@ -179,6 +179,23 @@ TEST_F(AsyncDispatch, SubtypesAreDispatchedAgain)
     EXPECT_EQ(reports_.reports, want);
 }
 
+int destroy_context(rtslib_cookie *h, void *arg, void *msg, void *reserved)
+{
+    Seen::handler(h, arg, msg, reserved);
+    return rtslib_destroy_async_context(h);
+}
+
+TEST_F(AsyncDispatch, AHandlerMayDestroyTheContext)
+{
+    Seen seen;
+    ASSERT_EQ(rtslib_kuack_async_register(h_, 0, &seen, destroy_context), 0);
+    push(raw_message(24, h_->seq, RTS_MSG_KUACK_MESSAGES));
+    push(raw_message(24, h_->seq + 1, RTS_MSG_KUACK_MESSAGES));
+    EXPECT_EQ(rtslib_async_event_process(h_), 0);
+    EXPECT_EQ(seen.calls(), 1);
+    EXPECT_EQ(h_->async, nullptr);
+}
+
 TEST_F(AsyncDispatch, WithoutContextNothingIsRead)
 {
     ASSERT_EQ(rtslib_destroy_async_context(h_), 0);

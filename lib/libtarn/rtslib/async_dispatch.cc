@@ -167,7 +167,9 @@ int rtslib_async_event_process(rtslib_cookie *h)
     uint32_t handled = 0;
     int err;
     while ((err = process_one(pass)) == 0) {
-        if (++handled >= h->num_read_msg) return 0;
+        // A handler may have destroyed the context; nothing is left to
+        // dispatch to.
+        if (++handled >= h->num_read_msg || h->async == nullptr) return 0;
     }
     rtslib_msg_free(h, pass.raw);
     if (pass.record != nullptr) rtslib_msg_idl_release(h, pass.record);
