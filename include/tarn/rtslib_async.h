@@ -106,9 +106,9 @@ TARN_API int rtslib_async_event_loop(rtslib_cookie *handle);
 TARN_API int rtslib_async_event_loop_sighdl(rtslib_cookie *handle);
 
 /* --- Registration --------------------------------------------------------
- * Each call registers handler for its message types (in the order listed
- * in the code's registration table, stopping at the first failure) and asks
- * the kernel for their notification class. EINVAL without a context or
+ * Each call registers handler for each of its message types in turn and
+ * asks the kernel for their notification class; it stops at the first
+ * failure, and the types registered before it stay registered. EINVAL without a context or
  * handler, or when a type already has a handler; -1 after a reported
  * failure of the listen option or of an allocation. The first registration
  * selects the descriptor in the event context. */

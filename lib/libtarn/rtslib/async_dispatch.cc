@@ -105,8 +105,11 @@ int process_one(Pass &p)
     rtslib_cookie *h = p.h;
     int rc = rtslib_long_msg_read(h, &p.raw, &p.raw_len);
     if (rc != 0 && rc != RTSLIB_SEQ_MISMATCH) return rc;
+    // Anything but an envelope goes out raw. The decoder would say so too
+    // (EOPNOTSUPP), but only after sizing an arena from bytes that are no
+    // envelope length.
+    if (!tarn::wire::is_envelope(p.raw)) return dispatch_raw(p);
     rc = rtslib_msg_idl_decode(h, p.raw, p.raw_len, &p.record, nullptr);
-    if (rc == EOPNOTSUPP) return dispatch_raw(p);
     if (rc != 0) {
         rtslib_err(h, RTSLIB_LOG_ERROR, "Failed to decode the msg: error (%d)\n", rc);
         return rc;
