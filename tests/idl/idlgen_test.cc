@@ -228,6 +228,7 @@ TEST(IdlGen, DiagnosesBadDescriptions)
         {"type t\n  u9 a 1\nend\n", "unknown field kind 'u9'"},
         {"type t\n  u8 a x\nend\n", "bad tag 'x'"},
         {"type t\nend\n", "has no fields"},
+        {"type t\n  bytes s6_addr 1\nend\n", "field name 's6_addr' is a macro of the system headers"},
         {"type t tlv-only\n  u8 a 1\nend\ntype u\n  record t x 1\nend\n", "lacks an encoding"},
         {"type h\n  u8 a 1\nend\ntype m\n  u8 a 1\nend\nchoice c header h limit 2\n  1 m\nend\n",
          "does not begin with a h record"},

@@ -144,6 +144,47 @@ TEST_F(MessageList, MalformedRawBuffersAreRefusedWithoutOverrun)
     }
 }
 
+// A buffer holds raw messages or envelopes, as its first message says. Each
+// case here once made the counting and the filling walk disagree (an endless
+// walk writing past the entries), read past the buffer, or handed out a
+// record that is not there. Buffers are exactly sized so ASan sees overreads.
+TEST_F(MessageList, BuffersMixingKindsOrLackingRecordsAreRefused)
+{
+    using tarn::test::envelope;
+    auto cat = [](std::vector<uint8_t> a, const std::vector<uint8_t> &b) {
+        a.insert(a.end(), b.begin(), b.end());
+        return a;
+    };
+    // An envelope of route type 2 whose type word (at the raw length
+    // offset) reads as 0, and one of type 3, which has no record.
+    std::vector<uint8_t> env_zero = envelope(RTS_IDL_MAGIC_IDR, 12, 12);
+    env_zero[8] = 0;
+    std::vector<uint8_t> env_type3 = envelope(RTS_IDL_MAGIC_IDR, 12, 12);
+    env_type3[8] = 3;
+    const struct {
+        const char *what;
+        std::vector<uint8_t> bytes;
+        int result;
+    } cases[] = {
+        {"raw then envelope", cat(raw_message(24, 1), env_zero), EINVAL},
+        {"envelope then raw", cat(env_type3, raw_message(24, 1)), EINVAL},
+        {"envelope then 8 raw bytes", cat(env_type3, std::vector<uint8_t>(8, 0)), EINVAL},
+        {"envelope then a short envelope", cat(env_type3, {0x22, 0x50, 0, 0, 0}), EINVAL},
+        {"envelope without a record", env_type3, EIO},
+    };
+    for (const auto &c : cases) {
+        auto *buf = static_cast<uint8_t *>(rtslib_size_alloc(h_, c.bytes.size()));
+        std::memcpy(buf, c.bytes.data(), c.bytes.size());
+        rtslib_msg_list *list = rtslib_msg_list_alloc(h_);
+        EXPECT_EQ(rtslib_msg_list_fillin(h_, list, static_cast<uint32_t>(c.bytes.size()), buf),
+                  c.result)
+            << c.what;
+        EXPECT_EQ(list->count, 0) << c.what;
+        rtslib_msg_list_free(h_, list);
+        rtslib_msg_free(h_, buf);
+    }
+}
+
 TEST_F(MessageList, EnvelopesAreDecodedIntoRecords)
 {
     // Three route-table messages encoded by the library, back to back.

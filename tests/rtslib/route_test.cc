@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -419,6 +420,78 @@ TEST_F(Routes, StatisticsAnswerOfTheWrongLengthIsRefused)
     const uint32_t prefix = 0x0000020a;
     uint32_t stats[RTS_RTSTATS_COUNTERS] = {};
     EXPECT_EQ(rtslib_rtstats_get(h_, TARN_AF_INET, 0, 0, 0, 16, &prefix, stats), ENOENT);
+}
+
+TEST_F(Routes, StatisticsAnswerOfAnotherRequestIsReleased)
+{
+    ASSERT_EQ(command(h_->fd, "drop-replies 1"), "");
+    // The right length and the found flag, but another request's number.
+    auto answer = raw_message(48 + 4 + 36, h_->seq + 5, RTS_MSG_RTSTATS, RTS_OP_GET);
+    answer[RTS_HDR_FIXED_LEN_OFF] = 48;
+    answer[40] = 1;
+    ASSERT_EQ(inject(h_->fd, answer), 0);
+    const uint32_t prefix = 0x0000020a;
+    uint32_t stats[RTS_RTSTATS_COUNTERS] = {};
+    EXPECT_EQ(rtslib_rtstats_get(h_, TARN_AF_INET, 0, 0, 0, 16, &prefix, stats),
+              RTSLIB_SEQ_MISMATCH);
+    ASSERT_EQ(reports_.reports.size(), 1u);
+    EXPECT_EQ(reports_.reports[0].level, 4);
+}
+
+// An envelope of a type that has no record (3 here) decodes without error
+// but to nothing; every call that hands out or reads the answer's record
+// must call that malformed instead of crashing or handing out null.
+TEST_F(Routes, AnswersWithoutARecordAreMalformed)
+{
+    const uint8_t prefix[4] = {10, 0, 0, 0};
+    const uint32_t group = 0xe0;
+    const struct {
+        const char *call;
+        std::function<int(rtslib_cookie *, void **)> run;
+    } calls[] = {
+        {"acknowledged add",
+         [&](rtslib_cookie *h, void **) {
+             uint32_t ack = 0;
+             return rtslib_rtm_add(h, 0, TARN_AF_INET, 1, 0, 2, 0, 0, 0, 0, 1, 0, prefix, 8,
+                                   nullptr, &ack);
+         }},
+        {"route get",
+         [&](rtslib_cookie *h, void **out) {
+             return rtslib_rtm_get_by_prefix(h, TARN_AF_INET, prefix, 8, RTS_OP_GET,
+                                             reinterpret_cast<rt_msg_t **>(out), nullptr);
+         }},
+        {"table get by name",
+         [&](rtslib_cookie *h, void **out) {
+             return rtslib_rtbm_get_by_name(h, TARN_AF_INET, "default",
+                                            reinterpret_cast<rtb_msg_t **>(out), nullptr);
+         }},
+        {"table get by index",
+         [&](rtslib_cookie *h, void **out) {
+             return rtslib_rtbm_get_by_index(h, TARN_AF_INET, 0, RTS_OP_GET,
+                                             reinterpret_cast<rtb_msg_t **>(out), nullptr);
+         }},
+        {"multicast get",
+         [&](rtslib_cookie *h, void **out) {
+             return rtslib_mgrm_get(h, 0, TARN_AF_INET, &group, 8, RTS_OP_GET,
+                                    reinterpret_cast<mgr_msg_t **>(out), nullptr);
+         }},
+    };
+    auto empty = tarn::test::envelope(RTS_IDL_MAGIC_IDR, 12, 12);
+    empty[8] = 3;
+    for (const auto &c : calls) {
+        reports_.reports.clear();
+        ASSERT_EQ(command(h_->fd, "drop-replies 1"), "");
+        ASSERT_EQ(inject(h_->fd, empty), 0);
+        void *out = &out;  // a get must clear it
+        const int rc = c.run(h_, &out);
+        EXPECT_EQ(rc, EIO) << c.call;
+        if (std::string(c.call) != "acknowledged add") {
+            EXPECT_EQ(out, nullptr) << c.call;
+        }
+        ASSERT_FALSE(reports_.reports.empty()) << c.call;
+        EXPECT_EQ(reports_.reports[0].text, "rtslib: ERROR IDL message of type 3 carries no record\n")
+            << c.call;
+    }
 }
 
 TEST_F(Routes, MulticastGroupsAreLookedUp)

@@ -26,6 +26,30 @@ bool is_identifier(const std::string &s)
     });
 }
 
+// Lower-case object-like macros of the system headers a daemon includes
+// beside ours (socket, address, interface, route, netdb, ifaddrs, signal,
+// stat and stdio headers of glibc and the BSDs, and the compilers' own): a
+// record field of one of these names would be rewritten by the preprocessor
+// in any file that includes that header first.
+bool is_system_macro(const std::string &s)
+{
+    static const std::set<std::string> names = {
+        "errno", "h_addr", "h_errno", "i386", "ifa_broadaddr", "ifa_dstaddr", "ifc_buf",
+        "ifc_req", "ifr_addr", "ifr_bandwidth", "ifr_broadaddr", "ifr_buffer", "ifr_curcap",
+        "ifr_data", "ifr_dstaddr", "ifr_fib", "ifr_flags", "ifr_flagshigh", "ifr_hwaddr",
+        "ifr_ifindex", "ifr_index", "ifr_lan_pcp", "ifr_map", "ifr_media", "ifr_metric",
+        "ifr_mtu", "ifr_name", "ifr_netmask", "ifr_newname", "ifr_phys", "ifr_qlen",
+        "ifr_reqcap", "ifr_slave", "ifr_vlan_pcp", "linux", "rt_mss", "s6_addr", "s6_addr16",
+        "s6_addr32", "s6_addr8", "sa_handler", "sa_sigaction", "si_addr", "si_addr_lsb",
+        "si_arch", "si_band", "si_call_addr", "si_fd", "si_int", "si_lower", "si_overrun",
+        "si_pid", "si_pkey", "si_ptr", "si_status", "si_stime", "si_syscall", "si_timerid",
+        "si_uid", "si_upper", "si_utime", "si_value", "sigev_notify_attributes",
+        "sigev_notify_function", "st_atime", "st_birthtime", "st_ctime", "st_mtime", "stderr",
+        "stdin", "stdout", "sun", "unix",
+    };
+    return names.count(s) != 0;
+}
+
 std::optional<uint32_t> parse_number(const std::string &s)
 {
     if (s.empty() || s.size() > 10) return std::nullopt;
@@ -129,6 +153,10 @@ void parse_description(const std::string &text, const std::string &family,
             }
             if (!is_identifier(f.name)) {
                 error("bad field name '" + f.name + "'");
+                continue;
+            }
+            if (is_system_macro(f.name)) {
+                error("field name '" + f.name + "' is a macro of the system headers");
                 continue;
             }
             auto tag = parse_number(w[tag_at]);
