@@ -170,9 +170,9 @@ EVENTLIB_API int evMainLoopSyncSighdl(evContext ctx);
  * non-blocking mode while selected and its previous mode restored when its
  * last selection goes. Several selections may share a descriptor if their
  * masks do not overlap (EBUSY otherwise). EV_EXCEPT reports pending
- * priority (out-of-band) data and is checked when the descriptor becomes
- * readable. EBADF for a closed fd, EINVAL for an empty or unknown mask. id
- * may be NULL.
+ * priority (out-of-band) data; it needs a pollable descriptor (socket, pipe,
+ * terminal: EPERM for a regular file). EBADF for a closed fd, EINVAL for an
+ * empty or unknown mask. id may be NULL.
  */
 EVENTLIB_API int evSelectFD(evContext ctx, int fd, int eventmask, evFileFunc func, void *uap,
                             evFileID *id);
@@ -266,7 +266,9 @@ EVENTLIB_API int evCancelConn(evContext ctx, evConnID id);
  * count when all is done, or when end of file ends a read early with the
  * count read so far, or -1 with errno on error. The stream is then over.
  * evCancelRW stops a stream before its callback has run (ENOENT after).
- * iovcnt must be 1..IOV_MAX. id may be NULL.
+ * iovcnt must be 1..IOV_MAX and the total length at most INT_MAX (EINVAL).
+ * A write to a peer that has gone raises SIGPIPE unless the daemon ignores
+ * it, as with write(2). id may be NULL.
  */
 EVENTLIB_API int evWrite(evContext ctx, int fd, const struct iovec *iov, int iovcnt,
                          evStreamFunc func, void *uap, evStreamID *id);

@@ -7,41 +7,10 @@ namespace eventlib {
 
 namespace {
 
-struct Conn : Source {
-  int fd;
+struct Conn : IoSource {
   evConnFunc func;
   void *uap;
-  IoWatch *watch;
-  bool holds_mode;  // fd_hold is in force
-  bool finished;    // a connect whose outcome has been reported
 };
-
-void watch(Conn *k, bool on) {
-  if (k->watch == nullptr) return;
-  if (on)
-    io_watch_start(k->ctx->poller, k->watch);
-  else
-    io_watch_stop(k->ctx->poller, k->watch);
-  set_watching(k, on);
-}
-
-void on_ready(void *owner, int) {
-  auto *k = static_cast<Conn *>(owner);
-  watch(k, false);
-  if (!k->queued) enqueue_ready(k);
-}
-
-void release_mode(Conn *k) {
-  if (!k->holds_mode) return;
-  k->holds_mode = false;
-  fd_release(k->ctx, k->fd);
-}
-
-void conn_release(Source *s) {
-  auto *k = static_cast<Conn *>(s);
-  if (k->watch != nullptr) io_watch_destroy(k->ctx->poller, k->watch);
-  release_mode(k);
-}
 
 void report_failure(Conn *k, int err) {
   errno = err;
@@ -65,7 +34,7 @@ void listen_dispatch(Source *s) {
           static_cast<int>(ralen));
 }
 
-void listen_after(Source *s) { watch(static_cast<Conn *>(s), true); }
+void listen_after(Source *s) { io_source_watch(static_cast<Conn *>(s), true); }
 
 void connect_dispatch(Source *s) {
   auto *k = static_cast<Conn *>(s);
@@ -73,8 +42,7 @@ void connect_dispatch(Source *s) {
   socklen_t len = sizeof err;
   if (getsockopt(k->fd, SOL_SOCKET, SO_ERROR, &err, &len) < 0) err = errno;
   // The callee gets the descriptor back in the mode it was handed in.
-  release_mode(k);
-  k->finished = true;
+  io_source_release_mode(k);
   if (err != 0) {
     report_failure(k, err);
     return;
@@ -93,32 +61,23 @@ void connect_dispatch(Source *s) {
 // A connect is reported once; dropping its event abandons it.
 void connect_after(Source *s) { source_kill(s); }
 
-// Allocates the connection, puts fd in non-blocking mode and prepares its
-// watch; -1 with errno and nothing left behind on failure.
+// Allocates the connection with its watch; nullptr with errno on failure.
 Conn *conn_new(Context *c, Kind kind, int fd, int interest, evConnFunc func, void *uap) {
   auto *k = source_new<Conn>(c, kind);
   if (k == nullptr) return nullptr;
-  if (fd_hold(c, fd) < 0) {
+  if (io_source_open(k, fd, interest, io_source_ready) < 0) {
     source_abandon(k);
     return nullptr;
   }
-  k->fd = fd;
-  k->holds_mode = true;
   k->func = func;
   k->uap = uap;
-  k->watch = io_watch_create(c->poller, fd, interest, on_ready, k);
-  if (k->watch == nullptr) {
-    release_mode(k);
-    source_abandon(k);
-    return nullptr;
-  }
   return k;
 }
 
 }  // namespace
 
-const KindOps listen_ops = {listen_dispatch, listen_after, conn_release, nullptr};
-const KindOps connect_ops = {connect_dispatch, connect_after, conn_release, nullptr};
+const KindOps listen_ops = {listen_dispatch, listen_after, io_source_release, nullptr};
+const KindOps connect_ops = {connect_dispatch, connect_after, io_source_release, nullptr};
 
 }  // namespace eventlib
 
@@ -132,7 +91,7 @@ int evListen(evContext ctx, int fd, int maxconn, evConnFunc func, void *uap, evC
   if (listen(fd, maxconn) < 0) return -1;
   Conn *k = conn_new(c, Kind::listen, fd, kReadable, func, uap);
   if (k == nullptr) return -1;
-  watch(k, true);
+  io_source_watch(k, true);
   if (id != nullptr) id->opaque = k;
   return 0;
 }
@@ -146,7 +105,7 @@ int evConnect(evContext ctx, int fd, const void *ra, int ralen, evConnFunc func,
   if (connect(fd, static_cast<const struct sockaddr *>(ra), static_cast<socklen_t>(ralen)) == 0)
     enqueue_ready(k);  // completed at once (local sockets): report from the loop all the same
   else if (errno == EINPROGRESS || errno == EINTR)
-    watch(k, true);
+    io_source_watch(k, true);
   else {
     int err = errno;
     source_kill(k);
@@ -157,13 +116,7 @@ int evConnect(evContext ctx, int fd, const void *ra, int ralen, evConnFunc func,
 }
 
 int evCancelConn(evContext ctx, evConnID id) {
-  Context *c = context_of(ctx);
-  if (c == nullptr) return fail(EINVAL);
-  Source *s = source_find(c, id.opaque, Kind::listen);
-  if (s == nullptr) s = source_find(c, id.opaque, Kind::connect);
-  if (s == nullptr) return fail(ENOENT);
-  source_kill(s);
-  return 0;
+  return source_cancel(ctx, id.opaque, Kind::listen, Kind::connect);
 }
 
 }  // extern "C"

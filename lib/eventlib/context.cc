@@ -152,6 +152,16 @@ Source *source_find(Context *c, const void *id, Kind kind) {
   return nullptr;
 }
 
+int source_cancel(evContext ctx, const void *id, Kind kind, Kind other_kind) {
+  Context *c = context_of(ctx);
+  if (c == nullptr) return fail(EINVAL);
+  Source *s = source_find(c, id, kind);
+  if (s == nullptr) s = source_find(c, id, other_kind);
+  if (s == nullptr) return fail(ENOENT);
+  source_kill(s);
+  return 0;
+}
+
 void source_kill(Source *s) {
   if (s->queued) dequeue(s);
   ops_of(s)->release(s);

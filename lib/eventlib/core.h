@@ -75,11 +75,34 @@ T *source_new(Context *c, Kind kind) {
 }
 // The live source named by id of the given kind, or nullptr.
 Source *source_find(Context *c, const void *id, Kind kind);
+// Ends the live source named by id if it is of either kind: 0, or -1 with
+// EINVAL (no context) or ENOENT.
+int source_cancel(evContext ctx, const void *id, Kind kind, Kind other_kind);
+inline int source_cancel(evContext ctx, const void *id, Kind kind) {
+  return source_cancel(ctx, id, kind, kind);
+}
 // Ends a source: its event is withdrawn, its resources released; freed now
 // or, when its event is fetched, once the event comes back.
 void source_kill(Source *s);
 // Unlinks and frees a source that never got going; keeps errno; returns -1.
 int source_abandon(Source *s);
+
+// A source that watches one descriptor, which it keeps non-blocking.
+struct IoSource : Source {
+  int fd;
+  bool holds_mode;
+  IoWatch *watch;
+};
+// Takes the descriptor's mode and creates the (stopped) watch; -1 with
+// errno and nothing held on failure.
+int io_source_open(IoSource *s, int fd, int interest, ReadyCallback on_ready);
+void io_source_watch(IoSource *s, bool on);
+// A ReadyCallback: rests the watch and queues the source's event.
+void io_source_ready(void *owner, int ready);
+// Gives the descriptor its previous mode back (once).
+void io_source_release_mode(IoSource *s);
+// KindOps::release for such sources.
+void io_source_release(Source *s);
 
 void enqueue_ready(Source *s);
 void enqueue_done(Source *s);

@@ -5,13 +5,11 @@ namespace eventlib {
 
 namespace {
 
-struct FileSel : Source {
-  int fd;
+struct FileSel : IoSource {
   int mask;
   int ready;
   evFileFunc func;
   void *uap;
-  IoWatch *watch;
 };
 
 constexpr int kAllEvents = EV_READ | EV_WRITE | EV_EXCEPT;
@@ -26,22 +24,12 @@ int mask_of(int ready) {
          ((ready & kPriority) ? EV_EXCEPT : 0);
 }
 
-void watch(FileSel *f, bool on) {
-  if (on)
-    io_watch_start(f->ctx->poller, f->watch);
-  else
-    io_watch_stop(f->ctx->poller, f->watch);
-  set_watching(f, on);
-}
-
-// The watch rests while an event is pending, so a descriptor that stays
-// ready does not wake the poller again before its callback has run.
+// Readiness of the two underlying watches (data and out-of-band) may arrive
+// separately in one round; both land in the one pending event.
 void on_ready(void *owner, int ready) {
   auto *f = static_cast<FileSel *>(owner);
   f->ready |= mask_of(ready) & f->mask;
-  if (f->ready == 0 || f->queued) return;
-  watch(f, false);
-  enqueue_ready(f);
+  if (f->ready != 0) io_source_ready(f, ready);
 }
 
 bool overlaps(Context *c, int fd, int mask) {
@@ -63,18 +51,12 @@ void file_dispatch(Source *s) {
 void file_after(Source *s) {
   auto *f = static_cast<FileSel *>(s);
   f->ready = 0;
-  watch(f, true);
-}
-
-void file_release(Source *s) {
-  auto *f = static_cast<FileSel *>(s);
-  io_watch_destroy(f->ctx->poller, f->watch);
-  fd_release(f->ctx, f->fd);
+  io_source_watch(f, true);
 }
 
 }  // namespace
 
-const KindOps file_ops = {file_dispatch, file_after, file_release, nullptr};
+const KindOps file_ops = {file_dispatch, file_after, io_source_release, nullptr};
 
 }  // namespace eventlib
 
@@ -91,28 +73,15 @@ int evSelectFD(evContext ctx, int fd, int eventmask, evFileFunc func, void *uap,
   if (overlaps(c, fd, eventmask)) return fail(EBUSY);
   auto *f = source_new<FileSel>(c, Kind::file);
   if (f == nullptr) return -1;
-  if (fd_hold(c, fd) < 0) return source_abandon(f);
-  f->watch = io_watch_create(c->poller, fd, interest_of(eventmask), on_ready, f);
-  if (f->watch == nullptr) {
-    fd_release(c, fd);
-    return source_abandon(f);
-  }
-  f->fd = fd;
+  if (io_source_open(f, fd, interest_of(eventmask), on_ready) < 0) return source_abandon(f);
   f->mask = eventmask;
   f->func = func;
   f->uap = uap;
-  watch(f, true);
+  io_source_watch(f, true);
   if (id != nullptr) id->opaque = f;
   return 0;
 }
 
-int evDeselectFD(evContext ctx, evFileID id) {
-  Context *c = context_of(ctx);
-  if (c == nullptr) return fail(EINVAL);
-  Source *s = source_find(c, id.opaque, Kind::file);
-  if (s == nullptr) return fail(ENOENT);
-  source_kill(s);
-  return 0;
-}
+int evDeselectFD(evContext ctx, evFileID id) { return source_cancel(ctx, id.opaque, Kind::file); }
 
 }  // extern "C"

@@ -9,10 +9,8 @@ namespace eventlib {
 
 namespace {
 
-struct Stream : Source {
-  int fd;
+struct Stream : IoSource {
   bool writing;
-  bool holds_mode;
   bool finished;
   struct iovec *iov;  // private copy, advanced as bytes move
   int iovcnt;
@@ -20,34 +18,11 @@ struct Stream : Source {
   int moved;
   evStreamFunc func;
   void *uap;
-  IoWatch *watch;
 };
 
-void watch(Stream *st, bool on) {
-  if (on)
-    io_watch_start(st->ctx->poller, st->watch);
-  else
-    io_watch_stop(st->ctx->poller, st->watch);
-  set_watching(st, on);
-}
-
-void on_ready(void *owner, int) {
-  auto *st = static_cast<Stream *>(owner);
-  watch(st, false);
-  if (!st->queued) enqueue_ready(st);
-}
-
-void release_mode(Stream *st) {
-  if (!st->holds_mode) return;
-  st->holds_mode = false;
-  fd_release(st->ctx, st->fd);
-}
-
 void stream_release(Source *s) {
-  auto *st = static_cast<Stream *>(s);
-  if (st->watch != nullptr) io_watch_destroy(st->ctx->poller, st->watch);
-  release_mode(st);
-  free(st->iov);
+  io_source_release(s);
+  free(static_cast<Stream *>(s)->iov);
 }
 
 // Steps over the buffers that n bytes filled or emptied.
@@ -64,7 +39,7 @@ void advance(Stream *st, size_t n) {
 }
 
 void finish(Stream *st, int bytes, int err) {
-  release_mode(st);
+  io_source_release_mode(st);
   st->finished = true;
   errno = err;
   st->func(handle_of(st->ctx), st->uap, st->fd, bytes);
@@ -96,7 +71,7 @@ void stream_after(Source *s) {
   if (st->finished)
     source_kill(st);
   else
-    watch(st, true);
+    io_source_watch(st, true);
 }
 
 int start(evContext ctx, int fd, const struct iovec *iov, int iovcnt, evStreamFunc func,
@@ -119,22 +94,14 @@ int start(evContext ctx, int fd, const struct iovec *iov, int iovcnt, evStreamFu
   }
   memcpy(st->iov, iov, sizeof *iov * static_cast<size_t>(iovcnt));
   st->iovcnt = iovcnt;
-  st->fd = fd;
   st->writing = writing;
   st->func = func;
   st->uap = uap;
-  if (fd_hold(c, fd) < 0) {
+  if (io_source_open(st, fd, writing ? kWritable : kReadable, io_source_ready) < 0) {
     free(st->iov);
     return source_abandon(st);
   }
-  st->holds_mode = true;
-  st->watch = io_watch_create(c->poller, fd, writing ? kWritable : kReadable, on_ready, st);
-  if (st->watch == nullptr) {
-    int err = errno;
-    source_kill(st);
-    return fail(err);
-  }
-  watch(st, true);
+  io_source_watch(st, true);
   if (id != nullptr) id->opaque = st;
   return 0;
 }
@@ -159,13 +126,6 @@ int evRead(evContext ctx, int fd, const struct iovec *iov, int iovcnt, evStreamF
   return start(ctx, fd, iov, iovcnt, func, uap, id, false);
 }
 
-int evCancelRW(evContext ctx, evStreamID id) {
-  Context *c = context_of(ctx);
-  if (c == nullptr) return fail(EINVAL);
-  Source *s = source_find(c, id.opaque, Kind::stream);
-  if (s == nullptr) return fail(ENOENT);
-  source_kill(s);
-  return 0;
-}
+int evCancelRW(evContext ctx, evStreamID id) { return source_cancel(ctx, id.opaque, Kind::stream); }
 
 }  // extern "C"

@@ -40,7 +40,9 @@ void schedule(Timer *t, struct timespec due, struct timespec inter) {
   t->due = time_is_zero(due) ? wall : due;
   t->inter = inter;
   t->spent = false;
-  arm(t, evAddTime(mono, evSubTime(t->due, wall)));
+  // Kept unclamped (as far as the monotonic clock reaches back) so that
+  // timers already overdue still come out in the order of their due times.
+  arm(t, evSubTime(evAddTime(mono, t->due), wall));
 }
 
 void on_expired(void *owner) {

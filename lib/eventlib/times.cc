@@ -34,13 +34,19 @@ extern "C" {
 
 struct timespec evConsTime(time_t sec, long nsec) { return normalized(sec, nsec); }
 
+// Operands are folded first: a caller's stray nanosecond count must not
+// overflow a 32-bit long on the way.
 struct timespec evAddTime(struct timespec addend1, struct timespec addend2) {
-  return normalized(addend1.tv_sec + addend2.tv_sec, addend1.tv_nsec + addend2.tv_nsec);
+  struct timespec a = normalized(addend1.tv_sec, addend1.tv_nsec);
+  struct timespec b = normalized(addend2.tv_sec, addend2.tv_nsec);
+  return normalized(a.tv_sec + b.tv_sec, a.tv_nsec + b.tv_nsec);
 }
 
 struct timespec evSubTime(struct timespec minuend, struct timespec subtrahend) {
-  if (evCmpTime(minuend, subtrahend) <= 0) return evConsTime(0, 0);
-  return normalized(minuend.tv_sec - subtrahend.tv_sec, minuend.tv_nsec - subtrahend.tv_nsec);
+  struct timespec a = normalized(minuend.tv_sec, minuend.tv_nsec);
+  struct timespec b = normalized(subtrahend.tv_sec, subtrahend.tv_nsec);
+  if (evCmpTime(a, b) <= 0) return evConsTime(0, 0);
+  return normalized(a.tv_sec - b.tv_sec, a.tv_nsec - b.tv_nsec);
 }
 
 int evCmpTime(struct timespec a, struct timespec b) {
@@ -56,7 +62,8 @@ struct timespec evNowTime(void) {
 }
 
 struct timespec evTimeSpec(struct timeval tv) {
-  return normalized(tv.tv_sec, static_cast<long>(tv.tv_usec) * 1000L);
+  long usec = static_cast<long>(tv.tv_usec);
+  return normalized(tv.tv_sec + usec / 1000000L, (usec % 1000000L) * 1000L);
 }
 
 struct timeval evTimeVal(struct timespec ts) {

@@ -67,14 +67,7 @@ int evDo(evContext ctx, const void *tag) {
   return found ? 0 : fail(ENOENT);
 }
 
-int evUnwait(evContext ctx, evWaitID id) {
-  Context *c = context_of(ctx);
-  if (c == nullptr) return fail(EINVAL);
-  Source *s = source_find(c, id.opaque, Kind::wait);
-  if (s == nullptr) return fail(ENOENT);
-  source_kill(s);
-  return 0;
-}
+int evUnwait(evContext ctx, evWaitID id) { return source_cancel(ctx, id.opaque, Kind::wait); }
 
 int evDefer(evContext ctx, evWaitFunc func, void *uap) {
   Context *c = context_of(ctx);
