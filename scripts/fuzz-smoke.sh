@@ -19,6 +19,7 @@ TARGETS=(
   fuzz_idl_tlv_envelope
   fuzz_idl_idr_envelope
   fuzz_idl_records
+  kernel_emu_fuzz
   fuzz_async_dispatch
 )
 SECONDS_PER_TARGET=${FUZZ_SECONDS:-8}

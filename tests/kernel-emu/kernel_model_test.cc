@@ -33,6 +33,7 @@ TEST(EmuCommandLine, RejectsMalformedArguments)
         {"--interface-version", "-1"}, {"--type-version", "0=98"},
         {"--type-version", "102=98"}, {"--type-version", "5"},
         {"--type-version", "5=256"}, {"--fail-option", "abc"},
+        {"--fail-option", "4,"},     {"--queue-bound", "0"},
         {"--no-such-option"},        {"stray"},
         {"--socket"},
     };
@@ -49,14 +50,15 @@ TEST(EmuCommandLine, CollectsRepeatableOptions)
     EmuConfig cfg;
     std::string error;
     ASSERT_EQ(parse({"--socket", "/tmp/x.sock", "--type-version", "2=1", "--type-version",
-                     "2=7", "--type-version", "101=0", "--fail-option", "4", "--fail-option",
-                     "20", "--log", "--types", "0x67"},
+                     "2=7", "--type-version", "101=0", "--fail-option", "4,7", "--fail-option",
+                     "20", "--log", "--types", "0x67", "--queue-bound", "3"},
                     cfg, error),
               ParseOutcome::kRun)
         << error;
     EXPECT_EQ(cfg.socket_path, "/tmp/x.sock");
     EXPECT_EQ(cfg.type_versions, (std::map<int, int>{{2, 7}, {101, 0}}));
-    EXPECT_EQ(cfg.fail_options, (std::set<int>{4, 20}));
+    EXPECT_EQ(cfg.fail_options, (std::set<int>{4, 7, 20}));
+    EXPECT_EQ(cfg.queue_bound, 3u);
     EXPECT_TRUE(cfg.log);
     EXPECT_EQ(cfg.types, 103);
     EXPECT_EQ(cfg.interface_version, RTS_INTERFACE_VERSION);

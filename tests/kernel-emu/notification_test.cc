@@ -2,7 +2,6 @@
 // each family sends to whom, listen-mask selection, per-socket sequence
 // numbers, queue bounds and the control commands.
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -10,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "emu_client.h"
 #include "kernel.h"
 #include <tarn/tarn.h>
 
@@ -20,17 +20,6 @@ using tarn::kemu::EmuLog;
 using tarn::kemu::Encoding;
 using tarn::kemu::Kernel;
 using tarn::kemu::Outgoing;
-
-std::string hex_of(const std::vector<uint8_t> &bytes)
-{
-    std::string s;
-    char b[3];
-    for (uint8_t v : bytes) {
-        std::snprintf(b, sizeof b, "%02x", v);
-        s += b;
-    }
-    return s;
-}
 
 constexpr uint64_t kLow = 1;
 constexpr uint64_t kHigh = uint64_t{1} << 32;
@@ -52,15 +41,15 @@ std::ostream &operator<<(std::ostream &os, const Seen &s)
               << s.error << (s.notification ? " notification}" : " answer}");
 }
 
-class Model : public testing::Test {
+class Fanout : public testing::Test {
 protected:
-    Model()
+    Fanout()
     {
         cfg_.types = RTS_MSG_TYPE_COUNT;
         cfg_.interface_version = RTS_INTERFACE_VERSION;
         kernel_ = std::make_unique<Kernel>(cfg_, log_);
     }
-    ~Model() override { rtslib_close(codec_); }
+    ~Fanout() override { rtslib_close(codec_); }
 
     uint64_t open(uint64_t mask)
     {
@@ -184,7 +173,7 @@ struct GroupRequest {
 // Who gets what for one request of each family: the requester (listening
 // to routes) gets its answer first, then every selected listener, the
 // requester included, a notification in the request's encoding.
-TEST_F(Model, EachFamilyAnswersTheRequesterAndNotifiesItsListeners)
+TEST_F(Fanout, EachFamilyAnswersTheRequesterAndNotifiesItsListeners)
 {
     const uint64_t req = open(0x200 * kLow);      // listens to routes
     const uint64_t routes = open(0x80 * kLow);    // another route bit
@@ -268,7 +257,7 @@ TEST_F(Model, EachFamilyAnswersTheRequesterAndNotifiesItsListeners)
 }
 
 // A socket is selected when its mask meets the type's registration bits.
-TEST_F(Model, ListenMaskSelectsByTheRegistrationBitsOfEachType)
+TEST_F(Fanout, ListenMaskSelectsByTheRegistrationBitsOfEachType)
 {
     struct {
         uint8_t type;
@@ -308,7 +297,7 @@ TEST_F(Model, ListenMaskSelectsByTheRegistrationBitsOfEachType)
         std::vector<uint8_t> raw(RTS_HDR_MIN_LEN, 0);
         raw[RTS_HDR_TYPE_OFF] = c.type;
         raw[RTS_HDR_LEN_OFF] = RTS_HDR_MIN_LEN;
-        run(0, "notify " + hex_of(raw));
+        run(0, "notify " + tarn::test::hex(raw));
         EXPECT_EQ(drain(id).size(), c.selected ? 1u : 0u)
             << "type " << int{c.type} << " mask 0x" << std::hex << c.mask;
         kernel_->close_socket(id);
@@ -317,7 +306,7 @@ TEST_F(Model, ListenMaskSelectsByTheRegistrationBitsOfEachType)
 
 // Each socket numbers its own notifications; option 3 reads the next one,
 // and a dropped notification uses its number up.
-TEST_F(Model, SequenceNumbersArePerSocket)
+TEST_F(Fanout, SequenceNumbersArePerSocket)
 {
     const uint64_t a = open(0x200 * kLow);
     const uint64_t b = open(0x200 * kLow | 0x400 * kLow);
@@ -326,7 +315,7 @@ TEST_F(Model, SequenceNumbersArePerSocket)
     run(b, "queue-bound 2");
     RouteRequest r(RTS_OP_ADD);
     receive(a, &r.msg, nullptr, Encoding::kIdr);
-    run(0, "notify " + hex_of(std::vector<uint8_t>{0, 0, 0, 0, 'h', RTS_MSG_ROUTE, 1, 0,
+    run(0, "notify " + tarn::test::hex(std::vector<uint8_t>{0, 0, 0, 0, 'h', RTS_MSG_ROUTE, 1, 0,
                                                            16, 0, 0, 0, 0xee, 0xee, 0xee, 0xee}));
     const uint32_t I = RTS_IDL_MAGIC_IDR;
     EXPECT_EQ(drain(a), (std::vector<Seen>{{a, I, 2, RTS_OP_ADD, 1, 0, false},
@@ -342,7 +331,7 @@ TEST_F(Model, SequenceNumbersArePerSocket)
 
 // A listener that stops reading loses notifications beyond its bound; the
 // requester still gets every answer and other listeners everything.
-TEST_F(Model, QueueBoundDropsNotificationsButNeverAnswers)
+TEST_F(Fanout, QueueBoundDropsNotificationsButNeverAnswers)
 {
     const uint64_t req = open(0x200 * kLow);
     const uint64_t slow = open(0x200 * kLow);
@@ -367,7 +356,7 @@ TEST_F(Model, QueueBoundDropsNotificationsButNeverAnswers)
     EXPECT_EQ(kernel_->socket(slow)->queue.size(), 1u);
 }
 
-TEST_F(Model, StateShowsWhatTheOptionsSet)
+TEST_F(Fanout, StateShowsWhatTheOptionsSet)
 {
     const uint64_t id = open(0);
     auto &st = kernel_->socket(id)->state;
@@ -400,7 +389,7 @@ TEST_F(Model, StateShowsWhatTheOptionsSet)
     EXPECT_NE(run(id, "state").find("\nfilters 5a00"), std::string::npos);
 }
 
-TEST_F(Model, ControlCommandsCheckTheirArgumentsAndExplainThemselves)
+TEST_F(Fanout, ControlCommandsCheckTheirArgumentsAndExplainThemselves)
 {
     const uint64_t id = open(0);
     const std::string help = run(0, "help");

@@ -30,7 +30,9 @@ namespace tarn::test {
 
 // Has the emulator send `bytes` as one message on routing socket `fd`
 // (TARN_KERNEL_SOCKET names the emulator). 0, or -1 with errno. When it
-// returns 0 the message is already queued on the socket.
+// returns 0 the message is already queued on the socket, unless earlier
+// messages fill the socket's receive buffer or the socket is paused (then it
+// waits in the emulator's queue for the client to read).
 int inject(int fd, const std::vector<uint8_t> &bytes);
 
 // Runs an emulator command ("dump", "drop-replies N", "mgroup-add ...") about

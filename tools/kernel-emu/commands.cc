@@ -161,22 +161,38 @@ struct Commands {
         k.post(out.take());
         return 0;
     }
+    // "TID AF HEX BITS": the table and the prefix (or group) a change names.
+    struct Target {
+        unsigned tid = 0, af = 0, bits = 0;
+        std::vector<uint8_t> bytes;
+        bool read(std::istream &in)
+        {
+            std::string text;
+            return (in >> tid >> af >> text >> bits) && parse_hex(text, bytes);
+        }
+        uint8_t *data() { return bytes.empty() ? nullptr : bytes.data(); }
+        uint32_t size() const { return static_cast<uint32_t>(bytes.size()); }
+    };
+    static rts_hdr_t header(uint8_t version, uint8_t type, uint8_t op)
+    {
+        rts_hdr_t h{};
+        h.version = version;
+        h.type = type;
+        h.op = op;
+        return h;
+    }
     static int route_change(Kernel &k, std::istream &in, uint8_t op)
     {
-        unsigned tid = 0, af = 0, plen = 0, nh = 0, nhidx = 0;
-        std::string text;
-        std::vector<uint8_t> prefix;
-        if (!(in >> tid >> af >> text >> plen) || !parse_hex(text, prefix)) return EINVAL;
-        if (op == RTS_OP_ADD && !read_numbers(in, nh, nhidx)) return EINVAL;
+        Target at;
+        unsigned nh = 0, nhidx = 0;
+        if (!at.read(in) || (op == RTS_OP_ADD && !read_numbers(in, nh, nhidx))) return EINVAL;
         rt_msg_t req{};
-        req.hdr.version = RTS_ROUTE_VERSION;
-        req.hdr.type = RTS_MSG_ROUTE;
-        req.hdr.op = op;
-        req.tid = static_cast<uint16_t>(tid);
-        req.af = static_cast<uint8_t>(af);
-        req.plen = static_cast<uint16_t>(plen);
-        req.prefix = prefix.empty() ? nullptr : prefix.data();
-        req.prefix_len = static_cast<uint32_t>(prefix.size());
+        req.hdr = header(RTS_ROUTE_VERSION, RTS_MSG_ROUTE, op);
+        req.tid = static_cast<uint16_t>(at.tid);
+        req.af = static_cast<uint8_t>(at.af);
+        req.plen = static_cast<uint16_t>(at.bits);
+        req.prefix = at.data();
+        req.prefix_len = at.size();
         req.nh = static_cast<uint8_t>(nh);
         req.nhidx = nhidx;
         const size_t before = k.routing_.route_count();
@@ -194,24 +210,19 @@ struct Commands {
     }
     static int mgroup_change(Kernel &k, std::istream &in, uint8_t op)
     {
-        unsigned tid = 0, af = 0, bits = 0, iif = 0;
-        std::string text;
-        std::vector<uint8_t> group;
-        if (!(in >> tid >> af >> text >> bits) || !parse_hex(text, group)) return EINVAL;
-        if (op == RTS_OP_ADD && !read_numbers(in, iif)) return EINVAL;
+        Target at;
+        unsigned iif = 0;
         PrefixKey key;
-        if (!make_prefix_key(group.data(), static_cast<uint32_t>(group.size()),
-                             static_cast<uint16_t>(bits), key))
+        if (!at.read(in) || (op == RTS_OP_ADD && !read_numbers(in, iif)) ||
+            !make_prefix_key(at.data(), at.size(), static_cast<uint16_t>(at.bits), key))
             return EINVAL;
         mgr_msg_t req{};
-        req.hdr.version = RTS_MGROUP_VERSION;
-        req.hdr.type = RTS_MSG_MGROUP;
-        req.hdr.op = op;
-        req.tid = static_cast<uint16_t>(tid);
-        req.af = static_cast<uint8_t>(af);
-        req.grp_plen = static_cast<uint16_t>(bits);
-        req.group = group.empty() ? nullptr : group.data();
-        req.group_len = static_cast<uint32_t>(group.size());
+        req.hdr = header(RTS_MGROUP_VERSION, RTS_MSG_MGROUP, op);
+        req.tid = static_cast<uint16_t>(at.tid);
+        req.af = static_cast<uint8_t>(at.af);
+        req.grp_plen = static_cast<uint16_t>(at.bits);
+        req.group = at.data();
+        req.group_len = at.size();
         req.iif_index = iif;
         change(k, req, &Routing::mgroup_request);
         return 0;
@@ -233,9 +244,7 @@ struct Commands {
         name_z.push_back(0);
         static const uint8_t kNoLr[] = "null";
         rtb_msg_t req{};
-        req.hdr.version = RTS_RTTABLE_VERSION;
-        req.hdr.type = RTS_MSG_RTTABLE;
-        req.hdr.op = RTS_OP_ADD;
+        req.hdr = header(RTS_RTTABLE_VERSION, RTS_MSG_RTTABLE, RTS_OP_ADD);
         req.tid = static_cast<uint16_t>(tid);
         req.af = static_cast<uint8_t>(af);
         req.name = name_z.data();

@@ -58,7 +58,6 @@ public:
     bool notify_bytes(const std::vector<uint8_t> &msg);
 
     std::vector<Outgoing> take() { return std::move(out_); }
-    const std::vector<Outgoing> &messages() const { return out_; }
 
 private:
     Sockets &sockets_;

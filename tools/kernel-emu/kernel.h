@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <istream>
 #include <map>
 #include <string>
 #include <vector>

@@ -180,9 +180,16 @@ void Server::flush(uint64_t id, int fd)
     }
 }
 
-void Server::flush_all()
+void Server::flush_all(uint64_t last)
 {
-    for (const auto &c : conns_) flush(c.id, c.fd);
+    const Conn *requester = nullptr;
+    for (const auto &c : conns_) {
+        if (c.id == last)
+            requester = &c;
+        else
+            flush(c.id, c.fd);
+    }
+    if (requester != nullptr) flush(requester->id, requester->fd);
 }
 
 // Carries out one control request: 0 or an errno value for the client.
@@ -285,6 +292,10 @@ bool Server::read_routing(uint64_t id, int fd)
             continue;
         }
         kernel_.receive(id, rx_.data(), static_cast<size_t>(n));
+        // Like a kernel that fans a change out before the writer's system
+        // call returns: listeners have their notifications before the
+        // requester can have its answer.
+        flush_all(id);
     }
 }
 

@@ -43,8 +43,8 @@ private:
                         std::vector<uint8_t> &out);
     bool read_routing(uint64_t id, int fd);
     // Sends what waits in the sockets' queues until the queues are empty or
-    // the clients' receive buffers are full.
-    void flush_all();
+    // the clients' receive buffers are full; socket `last` goes last.
+    void flush_all(uint64_t last = 0);
     void flush(uint64_t id, int fd);
     Socket *find_socket(const std::string &name);
     void close_all();
