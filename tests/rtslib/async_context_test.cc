@@ -126,6 +126,29 @@ TEST_F(AsyncContext, TheEventLoopDispatchesWhatArrives)
     }
 }
 
+// Tries to destroy the context from inside its own event loop.
+int destroy_inside_loop(rtslib_cookie *h, void *arg, void *msg, void *)
+{
+    rtslib_msg_free(h, msg);
+    *static_cast<int *>(arg) = rtslib_destroy_async_context(h);
+    return 0;
+}
+
+TEST_F(AsyncContext, AnEventContextInUseIsNotDestroyed)
+{
+    ASSERT_EQ(rtslib_create_async_context(h_), 0);
+    int rc = 0;
+    ASSERT_EQ(rtslib_rtm_async_register(h_, &rc, destroy_inside_loop), 0);
+    push(tarn::test::raw_message(24, h_->seq, 2));
+    rtslib_async_event_loop(h_);  // ends once the descriptor is deselected
+    EXPECT_EQ(rc, -1);
+    EXPECT_NE(h_->async, nullptr);
+    EXPECT_EQ(reports_.reports,
+              (std::vector<Report>{{3, "rtslib: ERROR async context destruction failed %"}}));
+    EXPECT_EQ(rtslib_destroy_async_context(h_), 0);
+    EXPECT_EQ(h_->async, nullptr);
+}
+
 class AsyncContextRefused : public AsyncTest {
 protected:
     AsyncContextRefused()
