@@ -29,9 +29,10 @@
 TARN_BEGIN_DECLS
 
 /* Handler of one message type. msg is a decoded record (release it with
- * rtslib_msg_idl_release; NULL when the envelope's type has no record) or a
- * raw routing-socket message (free it with rtslib_msg_free). reserved is
- * always NULL. The result is ignored. */
+ * rtslib_msg_idl_release) or a raw routing-socket message (free it with
+ * rtslib_msg_free); never NULL: an envelope whose type has no record is
+ * malformed (reported, the pass ends with EIO). reserved is always NULL.
+ * The result is ignored. */
 typedef int (*rtslib_async_handler_fn)(rtslib_cookie *handle, void *arg, void *msg,
                                        void *reserved);
 

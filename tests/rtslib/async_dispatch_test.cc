@@ -101,6 +101,8 @@ TEST_F(AsyncDispatch, UnknownOrUnhandledTypesEndThePass)
     unknown_envelope.resize(24);  // the shortest message the reader takes
     unknown_envelope[4] = 12;
     unknown_envelope[8] = 200;
+    auto recordless_envelope = unknown_envelope;
+    recordless_envelope[8] = 3;  // known, but without a record to hand out
     struct Case {
         std::vector<uint8_t> msg;
         int err;
@@ -111,6 +113,8 @@ TEST_F(AsyncDispatch, UnknownOrUnhandledTypesEndThePass)
          {2, "rtslib: WARNING received async message of unknown type: 102\n"}},
         {unknown_envelope, EOPNOTSUPP,
          {2, "rtslib: WARNING received async message of unknown type: 200\n"}},
+        {recordless_envelope, EIO,
+         {3, "rtslib: ERROR IDL message of type 3 carries no record\n"}},
         {raw_message(24, 0, RTS_MSG_IFDEV), ENOENT,
          {3, "rtslib: ERROR received async message with no handler: 5\n"}},
     };
@@ -126,7 +130,7 @@ TEST_F(AsyncDispatch, UnknownOrUnhandledTypesEndThePass)
         EXPECT_EQ(rtslib_async_event_process(h_), 0);
         EXPECT_EQ(reports_.reports, std::vector<Report>{c.report});
     }
-    EXPECT_EQ(seen.calls(), 3);
+    EXPECT_EQ(seen.calls(), 4);
 }
 
 TEST_F(AsyncDispatch, SequenceFollowsTheNotifications)

@@ -4,6 +4,7 @@
 
 #include "libtarn/os/os.h"
 #include "libtarn/rtslib/async_internal.h"
+#include "libtarn/rtslib/msg_io_internal.h"
 #include "libtarn/rtslib/wire.h"
 #include <tarn/idl.h>
 #include <tarn/rtslib_msg.h>
@@ -81,12 +82,15 @@ int dispatch_record(Pass &p)
     // moving with the kernel's stream.
     ++h->seq;
 
+    // A known type must bring its record: handlers are promised one. (An
+    // unknown type is refused as such below.)
+    if (p.record == nullptr && type < RTS_MSG_TYPE_COUNT) return tarn::missing_record(h, type);
     const rtslib_async_entry *entry = nullptr;
     int rc = find_handler(h, type, &entry);
     if (rc != 0) return rc;
 
     bool donor_report_owed = false;
-    if (type == RTS_MSG_IFADDR && h->unnum != nullptr && p.record != nullptr)
+    if (type == RTS_MSG_IFADDR && h->unnum != nullptr)
         donor_report_owed = unnumbered_donor_intake(h, p.record);
     if (type == RTS_MSG_GENCFG) {
         rc = gencfg_intake(h, &p.record);

@@ -18,10 +18,14 @@ int decode_record(rtslib_cookie *h, const void *buf, uint32_t len, void **record
                                             arena_size)
                  : rtslib_msg_idl_decode(h, buf, len, record_out, map_out);
     if (rc != 0 || *record_out != nullptr) return rc;
-    // Decoded without error, so the envelope header (12 bytes) is there.
-    rtslib_err(h, RTSLIB_LOG_ERROR, "IDL message of type %u carries no record\n",
-               wire::load_u32(static_cast<const uint8_t *>(buf) + 8));
     if (map_out != nullptr) *map_out = nullptr;
+    // Decoded without error, so the envelope header (12 bytes) is there.
+    return missing_record(h, wire::load_u32(static_cast<const uint8_t *>(buf) + 8));
+}
+
+int missing_record(rtslib_cookie *h, uint32_t type)
+{
+    rtslib_err(h, RTSLIB_LOG_ERROR, "IDL message of type %u carries no record\n", type);
     return EIO;
 }
 

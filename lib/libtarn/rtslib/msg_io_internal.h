@@ -25,6 +25,9 @@ int check_sequence(rtslib_cookie *h, const uint8_t *msg);
 int decode_record(rtslib_cookie *h, const void *buf, uint32_t len, void **record_out,
                   void **map_out, void *arena_base = nullptr, uint32_t arena_size = 0);
 
+// Reports an envelope of `type` that decoded to no record, and gives EIO.
+int missing_record(rtslib_cookie *h, uint32_t type);
+
 }  // namespace tarn
 
 #endif  // LIBTARN_RTSLIB_MSG_IO_INTERNAL_H
