@@ -14,5 +14,6 @@
 #include <tarn/patricia.h>
 #include <tarn/itable.h>
 #include <tarn/rtslib_route.h>
+#include <tarn/rtslib_if.h>
 
 #endif /* TARN_TARN_H */

@@ -1,0 +1,174 @@
+/*
+ * libtarn - interface objects: devices, logical interfaces, families and
+ * addresses, the unnumbered-donor registry, name/index lookups and the
+ * interface-address list.
+ *
+ * Ownership: replies (*reply_out) are decoded records the caller releases with
+ * rtslib_msg_idl_release; lists from the *_get_all calls are released with
+ * rtslib_msg_list_free; wrl_getifaddrs' list with wrl_freeifaddrs;
+ * if_nameindex' array with if_freenameindex. Arguments stay the caller's.
+ * NULL: a null handle, name or output pointer gives EINVAL (rtslib_ calls) or
+ *  -1/NULL with errno EINVAL (ifl_, if_ and wrl_ calls).
+ * Errors: rtslib_ calls return 0 or an errno value (ENOMEM when no message
+ *  buffer can be had, otherwise the write or read error unchanged) and leave
+ *  *reply_out NULL after any failure. A reply the kernel marks with an error
+ *  (hdr.error) is still a reply: the rtslib_ calls hand it out, the ifl_ and
+ *  if_ lookups fail with that error as errno.
+ * Threads: a handle's calls on its thread only. The if_ calls share one
+ *  process-wide handle, opened without locking on first use and never
+ *  closed: one thread at a time. Nothing about interfaces is cached.
+ *
+ * Names: device names travel with their NUL; a name of 60 or more characters
+ * is cut to 59 characters plus the NUL.
+ */
+#ifndef TARN_RTSLIB_IF_H
+#define TARN_RTSLIB_IF_H
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <tarn/common.h>
+#include <tarn/idl_records.h>
+#include <tarn/rtslib.h>
+#include <tarn/rtslib_msg.h>
+
+TARN_BEGIN_DECLS
+
+/* Request header versions and fixed-part lengths of the interface families. */
+#define RTS_IFDEV_VERSION 106 /* 'j' */
+#define RTS_IFDEV_FIXED_LEN 148
+#define RTS_IFL_VERSION 107 /* 'k' */
+#define RTS_IFL_FIXED_LEN 184
+#define RTS_IFF_VERSION 102 /* 'f' */
+#define RTS_IFF_FIXED_LEN 252
+#define RTS_IFA_VERSION 101 /* 'e' */
+#define RTS_IFA_FIXED_LEN 144
+
+/* Longest device name a request carries, NUL included. */
+#define RTSLIB_IFNAME_MAX 60
+
+/* Kinds of the routing sysctl interface list (NET_RT_IFLIST). */
+#define RTSLIB_IFLIST_DEVICES 1
+#define RTSLIB_IFLIST_LOGICAL 2
+#define RTSLIB_IFLIST_ADDRESSES 10
+
+/* iflm_changed value of a point change. */
+#define RTSLIB_IFL_POINT_CHANGE 16
+/* Information tag of the subset input-interface setting. */
+#define RTSLIB_IFL_SUBSET_IIF_TAG 225
+/* Highest subset number. */
+#define RTSLIB_IFL_SUBSET_MAX 15
+
+/* iffm_flags bit of an unnumbered family; its donor is the information
+ * record unnum_donor (tag 183). */
+#define RTSLIB_IFF_UNNUMBERED 0x20000000u
+
+/* --- Interface devices --------------------------------------------------- */
+
+/* Device lookups (op: RTS_OP_GET or RTS_OP_GETNEXT), answered with one
+ * ifdev_msg; *reply_len gets 0 (the record's size is its type's).
+ * rtslib_ifdm_get_by_snmp_index accepts RTS_OP_GET only (EINVAL). */
+TARN_API int rtslib_ifdm_get_by_index(rtslib_cookie *handle, uint16_t device_index, uint8_t op,
+                                      ifdev_msg_t **reply_out, uint32_t *reply_len);
+TARN_API int rtslib_ifdm_get_by_name(rtslib_cookie *handle, const char *name, uint8_t op,
+                                     ifdev_msg_t **reply_out, uint32_t *reply_len);
+TARN_API int rtslib_ifdm_get_by_snmp_index(rtslib_cookie *handle, uint32_t snmp_id, uint8_t op,
+                                           ifdev_msg_t **reply_out, uint32_t *reply_len);
+
+/* Reads the routing sysctl interface list of `kind` (RTSLIB_IFLIST_*) into a
+ * message list: 0, or the sysctl errno / ENOMEM with *list_out NULL. The
+ * table's buffer belongs to the list. */
+TARN_API int rtslib_ifxm_get_all(rtslib_cookie *handle, rtslib_msg_list **list_out, int kind);
+/* All devices (kind 1) and all logical interfaces (kind 2). */
+TARN_API int rtslib_ifdm_get_all(rtslib_cookie *handle, rtslib_msg_list **list_out);
+TARN_API int rtslib_iflm_get_all(rtslib_cookie *handle, rtslib_msg_list **list_out);
+
+/* --- Logical interfaces -------------------------------------------------- */
+
+/* Lookups answered with one ifl_msg (op RTS_OP_GET or RTS_OP_GETNEXT). The
+ * selector given is set, every other one is zero. */
+TARN_API int rtslib_iflm_get_by_index(rtslib_cookie *handle, uint32_t index, uint8_t op,
+                                      ifl_msg_t **reply_out, uint32_t *reply_len);
+TARN_API int rtslib_iflm_get_by_snmp_index(rtslib_cookie *handle, uint32_t snmp_index, uint8_t op,
+                                           ifl_msg_t **reply_out, uint32_t *reply_len);
+TARN_API int rtslib_iflm_get_by_device(rtslib_cookie *handle, uint16_t device_index,
+                                       uint32_t unit, uint8_t op, ifl_msg_t **reply_out,
+                                       uint32_t *reply_len);
+TARN_API int rtslib_iflm_get_by_name(rtslib_cookie *handle, const char *name, uint32_t unit,
+                                     uint8_t op, ifl_msg_t **reply_out, uint32_t *reply_len);
+TARN_API int rtslib_iflm_get_by_sid(rtslib_cookie *handle, uint32_t sid_high, uint32_t sid_low,
+                                    uint8_t op, ifl_msg_t **reply_out, uint32_t *reply_len);
+
+/* Change requests, not answered. rtslib_iflm_update_flags refuses any op
+ * but RTS_OP_CHANGE with EOPNOTSUPP. `address` is a socket address whose
+ * first byte is its length (NULL or length 0: none). */
+TARN_API int rtslib_iflm_update(rtslib_cookie *handle, uint32_t index, uint16_t device_index,
+                                uint32_t unit, uint32_t snmp_index, const char *name,
+                                const void *address, uint8_t op);
+TARN_API int rtslib_iflm_update_flags(rtslib_cookie *handle, uint32_t index,
+                                      uint16_t device_index, uint32_t unit, uint32_t snmp_index,
+                                      const char *name, uint32_t flags, uint8_t op);
+
+/* --- Lookups (-1 or NULL with errno on failure) --------------------------- */
+
+/* Copies `name` into buffer (size bytes) and cuts it at its last '.': *unit
+ * gets the decimal number after it, or 0xFFFFFFFF when there is no dot. -1
+ * when the name does not fit. */
+TARN_API int ifl_get_device_name(const char *name, char *buffer, size_t size, uint32_t *unit);
+/* "dev.unit" (a missing unit is 0) to interface index. */
+TARN_API int ifl_getindexbyifname(const char *name);
+TARN_API int ifl_getindexbysnmpifindex(uint32_t snmp_index);
+/* Writes "device.unit" into buffer (bounded by size). */
+TARN_API int ifl_getnamebyifindex(uint32_t index, char *buffer, size_t size);
+TARN_API int ifl_getnamebysnmpifindex(uint32_t snmp_index, char *buffer, size_t size);
+TARN_API int ifl_getlrindexbyifindex(uint32_t index);
+TARN_API int ifl_getlrindexbyifname(const char *name);
+/* Follows underlying interfaces to the last one and copies its device name;
+ * index 0 returns 0 with the buffer untouched. */
+TARN_API int ifl_get_underlying_device_byifindex(uint32_t index, char *buffer, size_t size);
+/* Bit `subset` (0-15) of the interface's subset input-interface mask into
+ * *value. Returns 0, EINVAL (subset > 15 or value NULL, no request made), the
+ * request's error, or -1 when no handle can be opened. */
+TARN_API int ifl_get_subset_iif(uint32_t index, uint32_t subset, uint8_t *value);
+/* Sets it with a point change; results as ifl_get_subset_iif. */
+TARN_API int ifl_set_subset_iif(uint32_t index, uint32_t subset, uint8_t value);
+
+/* Makes `socket` send on interface `index`: the IP-level send-interface
+ * option for an IPv4 or IPv6 socket; any other socket fails with
+ * EPROTONOSUPPORT. On the host build the emulator's interfaces do not exist,
+ * so the index is applied as a host interface index with Linux's
+ * IP_UNICAST_IF / IPV6_UNICAST_IF (readable back with getsockopt). */
+TARN_API int ifl_setsendifbyifindex(int socket, uint32_t index);
+TARN_API int ifl_setsendifbyifname(int socket, const char *name);
+TARN_API int ifl_setsendifbysnmpifindex(int socket, uint32_t snmp_index);
+
+/* The C library's interface lookups, answered by the kernel's logical
+ * interfaces. if_nametoindex asks with the whole name and unit 0 (the name
+ * is not split into device and unit); 0 with errno ENXIO when unknown.
+ * if_indextoname writes "device.unit" (at most RTSLIB_IFNAME_MAX bytes with
+ * the NUL) or returns NULL with ENXIO. if_nameindex' names point into a list
+ * kept for them: free the array with if_freenameindex.
+ * These carry libtarn's symbol version: code linked against libtarn gets
+ * them, code in the same process linked only against the C library keeps
+ * the C library's. */
+/* if_nametoindex, if_indextoname, if_nameindex and if_freenameindex are
+ * declared by <net/if.h>. */
+
+/* --- Interface-address list ------------------------------------------------ */
+
+/* The system's IPv4 interface addresses as one allocation of struct ifaddrs
+ * records (names "device.unit"; flags 1 and 16 on an interface's first
+ * address only; ifa_data NULL). The socket addresses are the router OS's:
+ * 16 bytes, length byte 16, family byte 2, port 0, address in network order,
+ * on every build. 0 with the list (NULL when there are none) or -1 with
+ * errno (EAGAIN when the list grew between its two reads, EINVAL for a
+ * malformed list). An address filed under an interface other than the one
+ * before it ends the process (abort): the kernel never interleaves them. */
+TARN_API int wrl_getifaddrs(struct ifaddrs **list_out);
+TARN_API void wrl_freeifaddrs(struct ifaddrs *list);
+
+TARN_END_DECLS
+
+#endif /* TARN_RTSLIB_IF_H */
