@@ -263,13 +263,10 @@ int set_send_interface(int fd, int family, uint32_t index)
 {
     // The emulator's interfaces do not exist here; the index is taken as a
     // host interface index and applied with Linux's equivalent options, so a
-    // daemon under test sends where it asked (IPv4 wants network order).
-    if (family == TARN_AF_INET) {
-        const uint32_t be = htonl(index);
-        return ::setsockopt(fd, IPPROTO_IP, IP_UNICAST_IF, &be, sizeof be);
-    }
-    const int v6 = static_cast<int>(index);
-    return ::setsockopt(fd, IPPROTO_IPV6, IPV6_UNICAST_IF, &v6, sizeof v6);
+    // daemon under test sends where it asked. Both want network order.
+    const uint32_t be = htonl(index);
+    if (family == TARN_AF_INET) return ::setsockopt(fd, IPPROTO_IP, IP_UNICAST_IF, &be, sizeof be);
+    return ::setsockopt(fd, IPPROTO_IPV6, IPV6_UNICAST_IF, &be, sizeof be);
 }
 
 ssize_t route_write(int fd, const void *buf, size_t len)
