@@ -76,6 +76,7 @@ int walk(rtslib_cookie *h, const uint8_t *table, size_t len, uint8_t *arena, OnI
 
 // The interface of each address must be the one announced just before it.
 struct InterfaceCheck {
+    Interleaved interleaved;
     bool known = false;
     uint32_t index = 0;
     void interface(uint32_t i)
@@ -83,9 +84,13 @@ struct InterfaceCheck {
         known = true;
         index = i;
     }
-    void address(uint32_t i) const
+    // False (EINVAL) when the address may not stand here.
+    bool address(uint32_t i) const
     {
-        if (known && index != i) std::abort();
+        if (!known || index == i) return true;
+        if (interleaved == Interleaved::abort) std::abort();
+        errno = EINVAL;
+        return false;
     }
 };
 
@@ -98,7 +103,8 @@ void put_sockaddr(uint8_t *sa, const void *data, uint32_t len)
 
 }  // namespace
 
-int ifaddrs_from_table(rtslib_cookie *h, const uint8_t *table, size_t len, ifaddrs **list_out)
+int ifaddrs_from_table(rtslib_cookie *h, const uint8_t *table, size_t len, ifaddrs **list_out,
+                       Interleaved interleaved)
 {
     *list_out = nullptr;
     auto *arena = static_cast<uint8_t *>(std::malloc(kIfaddrsDecodeSize));
@@ -107,12 +113,12 @@ int ifaddrs_from_table(rtslib_cookie *h, const uint8_t *table, size_t len, ifadd
     // Counting: one spare record takes the flags of an interface with no
     // address after it.
     size_t records = 1, addr_bytes = 0, name_bytes = 0;
-    InterfaceCheck check;
+    InterfaceCheck check{interleaved};
     int rc = walk(
         h, table, len, arena, [&](const ifl_msg_t &ifl) { check.interface(ifl.iflm_index); },
         [&](const ifa_msg_t &ifa) {
             if (ifa.ifam_af != TARN_AF_INET) return 0;
-            check.address(ifa.ifam_index);
+            if (!check.address(ifa.ifam_index)) return -1;
             if ((ifa.ifam_local_plen > 0 &&
                  !fits(ifa.ifam_local, ifa.ifam_local_len, local_copy_len(ifa.ifam_local_plen))) ||
                 (ifa.ifam_dest_plen > 0 &&
@@ -139,7 +145,7 @@ int ifaddrs_from_table(rtslib_cookie *h, const uint8_t *table, size_t len, ifadd
     uint8_t *addr = block + array_bytes;
     char *names = reinterpret_cast<char *>(addr + addr_bytes);
     size_t filled = 0;
-    check = InterfaceCheck{};
+    check = InterfaceCheck{interleaved};
     rc = walk(
         h, table, len, arena,
         [&](const ifl_msg_t &ifl) {
@@ -151,7 +157,7 @@ int ifaddrs_from_table(rtslib_cookie *h, const uint8_t *table, size_t len, ifadd
         },
         [&](const ifa_msg_t &ifa) {
             if (ifa.ifam_af != TARN_AF_INET) return 0;
-            check.address(ifa.ifam_index);
+            if (!check.address(ifa.ifam_index)) return -1;
             ifaddrs &r = array[filled];
             char *name = names + filled * kNameSlot;
             const size_t n = ifa.name == nullptr
