@@ -111,6 +111,89 @@ TARN_API int rtslib_iflm_update_flags(rtslib_cookie *handle, uint32_t index,
                                       uint16_t device_index, uint32_t unit, uint32_t snmp_index,
                                       const char *name, uint32_t flags, uint8_t op);
 
+/* --- Families and addresses --------------------------------------------- */
+
+/* ifam_flags of an address point change. */
+#define RTSLIB_IFA_POINT_CHANGE 4096
+/* info_len of the family information block. */
+#define RTSLIB_IFF_INFO_LEN 116
+
+/* Address lookups, answered with one ifa_msg of at most RTS_MSG_MAX bytes.
+ * An address is `bits` long and its first (bits + 7) / 8 bytes are sent,
+ * zero-padded to whole words; 0 bits: none. */
+TARN_API int rtslib_ifam_get_by_index(rtslib_cookie *handle, uint32_t index, uint8_t family,
+                                      uint8_t op, ifa_msg_t **reply_out, uint32_t *reply_len);
+TARN_API int rtslib_ifam_get_by_dest(rtslib_cookie *handle, uint32_t index, uint8_t family,
+                                     const uint8_t *dest, uint16_t dest_bits, uint8_t op,
+                                     ifa_msg_t **reply_out, uint32_t *reply_len);
+TARN_API int rtslib_ifam_get_by_local(rtslib_cookie *handle, uint32_t index, uint8_t family,
+                                      const uint8_t *local, uint16_t local_bits, uint8_t op,
+                                      ifa_msg_t **reply_out, uint32_t *reply_len);
+TARN_API int rtslib_ifam_get_by_local_dest(rtslib_cookie *handle, uint32_t index, uint8_t family,
+                                           const uint8_t *dest, uint16_t dest_bits,
+                                           const uint8_t *local, uint16_t local_bits, uint8_t op,
+                                           ifa_msg_t **reply_out, uint32_t *reply_len);
+/* An address request with the caller's op; not answered. */
+TARN_API int rtslib_ifam_update(rtslib_cookie *handle, uint32_t index, uint8_t family,
+                                const uint8_t *dest, uint16_t dest_bits, const uint8_t *local,
+                                uint16_t local_bits, uint8_t op);
+/* A VRRP state change of an address: `tlv` is a TLV of tag 227 (16-bit tag,
+ * 16-bit length, then the 2-byte state; at least 6 bytes). Any other tag is
+ * logged to syslog and refused with EINVAL, as is local_bits 0. */
+TARN_API int rtslib_ifa_pointchange(rtslib_cookie *handle, uint32_t index, uint8_t family,
+                                    const uint8_t *local, uint16_t local_bits, const void *tlv,
+                                    uint32_t tlv_length);
+
+/* Family lookups, answered with one iff_msg of at most RTS_MSG_MAX bytes. */
+TARN_API int rtslib_iffm_get_by_index(rtslib_cookie *handle, uint32_t index, uint8_t family,
+                                      uint8_t op, iff_msg_t **reply_out, uint32_t *reply_len);
+TARN_API int rtslib_iffm_get_by_dev_name(rtslib_cookie *handle, uint8_t family, const char *name,
+                                         uint32_t unit, uint8_t op, iff_msg_t **reply_out,
+                                         uint32_t *reply_len);
+/* A family request with the caller's op; `info` (NULL: none) is copied with
+ * its info_len set to RTSLIB_IFF_INFO_LEN and its data behind the record.
+ * Not answered. */
+TARN_API int rtslib_iffm_update(rtslib_cookie *handle, uint32_t index, uint8_t family,
+                                uint32_t value1, uint32_t value2, uint16_t value3,
+                                uint16_t value4, const sdl_info_t *info, uint8_t op);
+
+/* --- Unnumbered donors ------------------------------------------------------ */
+
+/* Called once per interested interface when its donor's address changes:
+ * the cookie registered, the address message's op and family, the donor's
+ * local address bytes (4 for AF_INET, 16 for AF_INET6, as the kernel padded
+ * them), its destination bit length and its flags field. */
+typedef void (*rtslib_unnum_ifa_fn)(void *cookie, uint8_t op, uint8_t family,
+                                    const uint8_t *address, uint16_t dest_bits, uint16_t flags);
+
+/* Creates the handle's registry (EINVAL unless the handle is asynchronous,
+ * ENOMEM) and sets its callback. */
+TARN_API int rtslib_unnum_ifa_register_callback(rtslib_cookie *handle, rtslib_unnum_ifa_fn fn);
+/* Adds (add != 0) or removes the interest of interface ifl_index in the
+ * addresses of donor_index for family AF_INET or AF_INET6 (EINVAL
+ * otherwise, or without a registry; cookie must not be NULL). Adding twice
+ * gives EEXIST, removing what is not there ENOENT; -1 when the registry's
+ * own handle cannot be opened. Interest registered under ifl_index 0 is
+ * never reported. */
+TARN_API int rtslib_unnum_ifa_register_interest(rtslib_cookie *handle, uint32_t ifl_index,
+                                                uint32_t donor_index, uint8_t family, int add,
+                                                void *cookie);
+/* The dispatcher's two steps for an address notification: save keeps the
+ * event (0) when a registered donor's address changed, -1 otherwise or
+ * while an event is pending (reported at RTSLIB_LOG_WARNING); report calls
+ * the callback for every interested interface and clears the pending
+ * event. */
+TARN_API int rtslib_unnum_ifa_save_msg(rtslib_cookie *handle, const ifa_msg_t *message);
+TARN_API void rtslib_unnum_ifa_report(rtslib_cookie *handle);
+/* Releases the registry (rtslib_close does it). The per-donor entries stay
+ * allocated, as they always have. */
+TARN_API void rtslib_unnum_ifa_cleanup(rtslib_cookie *handle);
+/* The donor of unnumbered interface ifl_index in `family` into *donor: 0, the
+ * request's error, ENOENT without an answer, EINVAL when the family is not
+ * unnumbered. */
+TARN_API int rtslib_unnum_get_donor_ifl_idx(rtslib_cookie *handle, uint32_t ifl_index,
+                                            uint8_t family, uint32_t *donor);
+
 /* --- Lookups (-1 or NULL with errno on failure) --------------------------- */
 
 /* Copies `name` into buffer (size bytes) and cuts it at its last '.': *unit
