@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "kernel_emulator.h"
+#include "report_collector.h"
 #include "libtarn/rtslib/objects/ifaddrs_walk.h"
 #include <tarn/tarn.h>
 
@@ -326,12 +327,13 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(emu_.running());
-        h_ = rtslib_open(1);
+        h_ = rtslib_open_set_liberr(1, &reports_, tarn::test::ReportCollector::sink);
         ASSERT_NE(h_, nullptr);
     }
     void TearDown() override { rtslib_close(h_); }
 
     KernelEmulator emu_;
+    tarn::test::ReportCollector reports_;
     rtslib_cookie *h_ = nullptr;
 };
 
@@ -443,6 +445,122 @@ TEST_F(Interfaces, AddressListOfTheDefaultInterfaces)
         "lo0.0 127.0.0.1 255.255.255.255 1", "em0.0 192.0.2.1 255.255.255.0 1",
         "em1.0 198.51.100.1 255.255.255.0 1", "ge-0/0/0.0 203.0.113.1 255.255.255.0 1"};
     EXPECT_EQ(got, want);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(RequestLayout, AddressPointChangeCarriesOnlyAVrrpState)
+{
+    const uint8_t local[4] = {10, 0, 0, 1};
+    uint8_t tlv[6] = {};
+    const uint16_t tag_226 = 226, tag_227 = 227, state = 0x0102;
+    std::memcpy(tlv, &tag_226, 2);
+    std::memcpy(tlv + 4, &state, 2);
+    EXPECT_EQ(rtslib_ifa_pointchange(h_, 7, TARN_AF_INET, local, 32, tlv, sizeof tlv), EINVAL);
+    EXPECT_EQ(written(), nullptr);
+    std::memcpy(tlv, &tag_227, 2);
+    EXPECT_EQ(rtslib_ifa_pointchange(h_, 7, TARN_AF_INET, local, 0, tlv, sizeof tlv), EINVAL);
+    ASSERT_EQ(rtslib_ifa_pointchange(h_, 7, TARN_AF_INET, local, 32, tlv, sizeof tlv), 0);
+    auto *sent = reinterpret_cast<ifa_msg_t *>(written());
+    ASSERT_NE(sent, nullptr);
+    EXPECT_EQ(sent->hdr.op, RTS_OP_CHANGE);
+    EXPECT_EQ(sent->ifam_flags, RTSLIB_IFA_POINT_CHANGE);
+    ASSERT_EQ(sent->ifam_local_plen, 32);
+    EXPECT_EQ(std::memcmp(sent->ifam_local, local, 4), 0);
+    ASSERT_EQ(sent->hdr.info_count, 1u);
+    EXPECT_EQ(sent->hdr.info[0]->vrrp_state.state, state);
+    rtslib_msg_idl_release(h_, sent);
+}
+
+TEST_F(Interfaces, FamiliesAddressesAndDonors)
+{
+    ifa_msg_t *a = nullptr;
+    ASSERT_EQ(rtslib_ifam_get_by_index(h_, kEm0, TARN_AF_INET, RTS_OP_GET, &a, nullptr), 0);
+    EXPECT_EQ(a->ifam_local_plen, 24);
+    ASSERT_GE(a->ifam_local_len, 4u);
+    EXPECT_EQ(std::vector<uint8_t>(a->ifam_local, a->ifam_local + 4),
+              (std::vector<uint8_t>{192, 0, 2, 1}));
+    rtslib_msg_idl_release(h_, a);
+
+    iff_msg_t *f = nullptr;
+    ASSERT_EQ(rtslib_iffm_get_by_dev_name(h_, TARN_AF_INET, "em1", 0, RTS_OP_GET, &f, nullptr), 0);
+    EXPECT_EQ(f->iffm_index, kEm1);
+    rtslib_msg_idl_release(h_, f);
+
+    uint32_t donor = 0;
+    EXPECT_EQ(rtslib_unnum_get_donor_ifl_idx(h_, kGe5, TARN_AF_INET, &donor), 0);
+    EXPECT_EQ(donor, kLo0);
+    EXPECT_EQ(rtslib_unnum_get_donor_ifl_idx(h_, kEm0, TARN_AF_INET, &donor), EINVAL);
+    EXPECT_EQ(rtslib_unnum_get_donor_ifl_idx(h_, kEm0, TARN_AF_INET, nullptr), EINVAL);
+}
+
+struct Call {
+    void *cookie;
+    uint8_t op, family;
+    uint8_t first_byte;
+    uint16_t dest_bits, flags;
+    bool operator==(const Call &) const = default;
+};
+std::vector<Call> calls;
+void record_call(void *cookie, uint8_t op, uint8_t family, const uint8_t *address,
+                 uint16_t dest_bits, uint16_t flags)
+{
+    calls.push_back({cookie, op, family, address[0], dest_bits, flags});
+}
+
+TEST_F(Interfaces, UnnumberedRegistryFollowsRegisteredDonorsOnly)
+{
+    int c1 = 1, c2 = 2, c0 = 0;
+    EXPECT_EQ(rtslib_unnum_ifa_register_callback(h_, record_call), EINVAL);  // not asynchronous
+    EXPECT_EQ(rtslib_unnum_ifa_register_interest(h_, 5, kLo0, TARN_AF_INET6, 1, &c1), EINVAL);
+    int fake_async = 0;
+    h_->async = reinterpret_cast<rtslib_async_ctx *>(&fake_async);
+    ASSERT_EQ(rtslib_unnum_ifa_register_callback(h_, record_call), 0);
+    h_->async = nullptr;
+
+    EXPECT_EQ(rtslib_unnum_ifa_register_interest(h_, 5, kLo0, 5, 1, &c1), EINVAL);
+    ASSERT_EQ(rtslib_unnum_ifa_register_interest(h_, 9, kLo0, TARN_AF_INET6, 1, &c2), 0);
+    ASSERT_EQ(rtslib_unnum_ifa_register_interest(h_, 5, kLo0, TARN_AF_INET6, 1, &c1), 0);
+    ASSERT_EQ(rtslib_unnum_ifa_register_interest(h_, 0, kLo0, TARN_AF_INET6, 1, &c0), 0);
+    EXPECT_EQ(rtslib_unnum_ifa_register_interest(h_, 5, kLo0, TARN_AF_INET6, 1, &c2), EEXIST);
+    EXPECT_EQ(rtslib_unnum_ifa_register_interest(h_, 6, kLo0, TARN_AF_INET6, 0, nullptr), ENOENT);
+    EXPECT_EQ(rtslib_unnum_ifa_register_interest(h_, 5, kEm0, TARN_AF_INET6, 0, nullptr), ENOENT);
+    EXPECT_EQ(rtslib_unnum_ifa_register_interest(h_, 5, kLo0, TARN_AF_INET, 0, nullptr), ENOENT);
+
+    uint8_t v6[16] = {0x20, 0x01};
+    ifa_msg_t msg{};
+    msg.hdr.op = RTS_OP_DELETE;
+    msg.ifam_index = kLo0;
+    msg.ifam_af = TARN_AF_INET;  // the donor is registered for AF_INET6 only
+    msg.ifam_local = v6;
+    msg.ifam_local_len = sizeof v6;
+    msg.ifam_dest_plen = 128;
+    msg.ifam_flags = 0x40;
+    EXPECT_EQ(rtslib_unnum_ifa_save_msg(h_, &msg), -1);
+    msg.ifam_af = TARN_AF_INET6;
+    msg.ifam_index = kEm0;
+    EXPECT_EQ(rtslib_unnum_ifa_save_msg(h_, &msg), -1);
+    msg.ifam_index = kLo0;
+    ASSERT_EQ(rtslib_unnum_ifa_save_msg(h_, &msg), 0);
+    EXPECT_EQ(rtslib_unnum_ifa_save_msg(h_, &msg), -1);  // one event at a time
+    ASSERT_EQ(reports_.reports.size(), 1u);
+    EXPECT_EQ(reports_.reports[0].text,
+              "rtslib: WARNING Async event arrived while processing pending for a previous "
+              "event\n");
+    v6[0] = 0;  // the event keeps its own copy
+    rtslib_unnum_ifa_report(h_);
+    // Ascending interface index, and never the one filed under 0.
+    const std::vector<Call> want = {{&c1, RTS_OP_DELETE, TARN_AF_INET6, 0x20, 128, 0x40},
+                                    {&c2, RTS_OP_DELETE, TARN_AF_INET6, 0x20, 128, 0x40}};
+    EXPECT_EQ(calls, want);
+
+    ASSERT_EQ(rtslib_unnum_ifa_register_interest(h_, 5, kLo0, TARN_AF_INET6, 0, nullptr), 0);
+    calls.clear();
+    ASSERT_EQ(rtslib_unnum_ifa_save_msg(h_, &msg), 0);  // the report cleared the last one
+    rtslib_unnum_ifa_report(h_);
+    EXPECT_EQ(calls.size(), 1u);
 }
 
 }  // namespace
