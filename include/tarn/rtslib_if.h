@@ -252,6 +252,21 @@ TARN_API int ifl_setsendifbysnmpifindex(int socket, uint32_t snmp_index);
 TARN_API int wrl_getifaddrs(struct ifaddrs **list_out);
 TARN_API void wrl_freeifaddrs(struct ifaddrs *list);
 
+/* The router OS's interface-address ioctls: add (a 108-byte request) and
+ * delete (76 bytes). Their records start with the interface name
+ * ("device.unit", 60 bytes), the family byte at offset 61 and the IPv4
+ * address at offset 64; nothing else in them is used. */
+#define WRL_SIOCAIFADDR 0x806c691aUL
+#define WRL_SIOCDIFADDR 0x804c6919UL
+
+/* Serves those two requests by sending address requests (op 1 or 3, prefix
+ * length 32) for the interface family the name and family select; no ioctl
+ * reaches the kernel and `fd` is only checked. -1 with errno: EBADF for a
+ * negative fd, EOPNOTSUPP for another request, EINVAL for a NULL arg, ENOMEM
+ * when no handle can be opened, the family lookup's error, EAFNOSUPPORT for
+ * a family other than AF_INET, or the write's error. */
+TARN_API int wrl_ioctl(int fd, unsigned long request, void *arg);
+
 TARN_END_DECLS
 
 #endif /* TARN_RTSLIB_IF_H */

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -561,6 +562,62 @@ TEST_F(Interfaces, UnnumberedRegistryFollowsRegisteredDonorsOnly)
     ASSERT_EQ(rtslib_unnum_ifa_save_msg(h_, &msg), 0);  // the report cleared the last one
     rtslib_unnum_ifa_report(h_);
     EXPECT_EQ(calls.size(), 1u);
+}
+
+}  // namespace
+
+namespace {
+
+std::vector<std::string> ipv4_list()
+{
+    std::vector<std::string> out;
+    ifaddrs *list = nullptr;
+    EXPECT_EQ(wrl_getifaddrs(&list), 0);
+    for (const ifaddrs *r = list; r != nullptr; r = r->ifa_next) {
+        char text[INET_ADDRSTRLEN];
+        out.push_back(std::string(r->ifa_name) + " " +
+                      inet_ntop(AF_INET, reinterpret_cast<const uint8_t *>(r->ifa_addr) + 4, text,
+                                sizeof text));
+    }
+    wrl_freeifaddrs(list);
+    return out;
+}
+
+TEST_F(Interfaces, IoctlsAddAndDeleteAddresses)
+{
+    uint8_t req[108] = {};
+    std::memcpy(req, "em1.0", 6);
+    req[61] = TARN_AF_INET;
+    const uint8_t addr[4] = {10, 9, 9, 9};
+    std::memcpy(req + 64, addr, 4);
+    struct {
+        int fd;
+        unsigned long request;
+        void *arg;
+        int error;
+    } const refused[] = {
+        {-1, WRL_SIOCAIFADDR, req, EBADF},
+        {0, 0xc0206911UL, req, EOPNOTSUPP},
+        {0, WRL_SIOCAIFADDR, nullptr, EINVAL},
+    };
+    for (const auto &c : refused) {
+        errno = 0;
+        EXPECT_EQ(wrl_ioctl(c.fd, c.request, c.arg), -1);
+        EXPECT_EQ(errno, c.error) << c.request;
+    }
+    const std::string added = "em1.0 10.9.9.9";
+    ASSERT_EQ(wrl_ioctl(0, WRL_SIOCAIFADDR, req), 0) << std::strerror(errno);
+    auto now = ipv4_list();
+    EXPECT_NE(std::find(now.begin(), now.end(), added), now.end());
+    ASSERT_EQ(wrl_ioctl(0, WRL_SIOCDIFADDR, req), 0) << std::strerror(errno);
+    now = ipv4_list();
+    EXPECT_EQ(std::find(now.begin(), now.end(), added), now.end());
+
+    std::memcpy(req, "em0.0", 6);
+    req[61] = TARN_AF_INET6;
+    errno = 0;
+    EXPECT_EQ(wrl_ioctl(0, WRL_SIOCAIFADDR, req), -1);
+    EXPECT_EQ(errno, EAFNOSUPPORT);
 }
 
 }  // namespace
