@@ -3,6 +3,7 @@
 // through the kernel emulator's default interfaces.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -516,10 +517,8 @@ TEST_F(Interfaces, UnnumberedRegistryFollowsRegisteredDonorsOnly)
     int c1 = 1, c2 = 2, c0 = 0;
     EXPECT_EQ(rtslib_unnum_ifa_register_callback(h_, record_call), EINVAL);  // not asynchronous
     EXPECT_EQ(rtslib_unnum_ifa_register_interest(h_, 5, kLo0, TARN_AF_INET6, 1, &c1), EINVAL);
-    int fake_async = 0;
-    h_->async = reinterpret_cast<rtslib_async_ctx *>(&fake_async);
+    ASSERT_EQ(rtslib_create_async_context(h_), 0);
     ASSERT_EQ(rtslib_unnum_ifa_register_callback(h_, record_call), 0);
-    h_->async = nullptr;
 
     EXPECT_EQ(rtslib_unnum_ifa_register_interest(h_, 5, kLo0, 5, 1, &c1), EINVAL);
     ASSERT_EQ(rtslib_unnum_ifa_register_interest(h_, 9, kLo0, TARN_AF_INET6, 1, &c2), 0);
@@ -618,6 +617,54 @@ TEST_F(Interfaces, IoctlsAddAndDeleteAddresses)
     errno = 0;
     EXPECT_EQ(wrl_ioctl(0, WRL_SIOCAIFADDR, req), -1);
     EXPECT_EQ(errno, EAFNOSUPPORT);
+}
+
+}  // namespace
+
+namespace {
+
+std::vector<std::string> order;
+void donor_seen(void *, uint8_t op, uint8_t, const uint8_t *, uint16_t, uint16_t)
+{
+    order.push_back("donor " + std::to_string(op));
+}
+int address_handler(rtslib_cookie *h, void *, void *msg, void *)
+{
+    order.push_back("handler " + std::to_string(static_cast<ifa_msg_t *>(msg)->hdr.op));
+    rtslib_msg_idl_release(h, msg);
+    return 0;
+}
+
+TEST_F(Interfaces, DonorAddressNotificationsReachTheRegistry)
+{
+    ASSERT_EQ(rtslib_create_async_context(h_), 0);
+    ASSERT_EQ(rtslib_ifam_async_register(h_, 1, nullptr, address_handler), 0);
+    ASSERT_EQ(rtslib_unnum_ifa_register_callback(h_, donor_seen), 0);
+    int cookie = 1;
+    ASSERT_EQ(rtslib_unnum_ifa_register_interest(h_, kGe5, kEm1, TARN_AF_INET, 1, &cookie), 0);
+
+    uint8_t req[108] = {};
+    std::memcpy(req, "em1.0", 6);
+    req[61] = TARN_AF_INET;
+    req[64] = 10;
+    req[67] = 7;
+    // A deleted donor address is reported before the handler, any other
+    // change after it.
+    struct {
+        unsigned long request;
+        std::vector<std::string> want;
+    } const steps[] = {
+        {WRL_SIOCAIFADDR, {"handler 1", "donor 1"}},
+        {WRL_SIOCDIFADDR, {"donor 3", "handler 3"}},
+    };
+    for (const auto &s : steps) {
+        order.clear();
+        ASSERT_EQ(wrl_ioctl(0, s.request, req), 0);
+        pollfd p{h_->fd, POLLIN, 0};
+        ASSERT_EQ(::poll(&p, 1, 5000), 1);
+        ASSERT_EQ(rtslib_async_event_process(h_), 0);
+        EXPECT_EQ(order, s.want);
+    }
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "libtarn/os/os.h"
 #include "libtarn/rtslib/handle_internal.h"
 #include "libtarn/rtslib/msg_types.h"
+#include <tarn/rtslib_async.h>
 #include <tarn/rtslib_if.h>
 
 namespace {
@@ -152,6 +153,7 @@ void rtslib_close(rtslib_cookie *h)
     if (h->fd != -1) tarn::os::route_socket_close(h->fd);
     std::free(h->version_info);
     std::free(h->read_buffer);
+    if (h->async != nullptr) rtslib_destroy_async_context(h);
     std::free(h);
 }
 
