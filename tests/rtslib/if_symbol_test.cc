@@ -16,6 +16,11 @@ namespace {
 
 TEST(IfSymbolVersions, EachCallerGetsItsOwnLibrary)
 {
+#if defined(__SANITIZE_ADDRESS__)
+    // The sanitizer runtime defines if_nametoindex itself and comes first in
+    // lookup order, so both callers reach its interceptor.
+    GTEST_SKIP() << "if_nametoindex is intercepted in sanitizer builds";
+#endif
     // No kernel: libtarn's answer is "unknown", the C library's is the host's.
     ::setenv("TARN_KERNEL_SOCKET", "/nonexistent/tarn-kernel.sock", 1);
     const unsigned system_lo = probe_if_nametoindex("lo");
