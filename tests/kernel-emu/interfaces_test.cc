@@ -132,7 +132,7 @@ TEST_F(Ifaces, LookupsAnswerBySelector)
     } cases[] = {
         {"index", [](ifl_msg_t &m) { m.iflm_index = 66; }, 66, "em1", 0},
         {"device name and unit", [&](ifl_msg_t &m) { m.name = ge; m.name_len = sizeof ge; m.iflm_unit = 5; }, 68, "ge-0/0/0", 5},
-        {"whole name, unit 0", [&](ifl_msg_t &m) { m.name = em0_0; m.name_len = sizeof em0_0; }, 65, "em0", 0},
+        {"whole name is no device name", [&](ifl_msg_t &m) { m.name = em0_0; m.name_len = sizeof em0_0; }, 0, "", 0},
         {"snmp index", [](ifl_msg_t &m) { m.iflm_snmp_id = 1064; }, 64, "lo0", 0},
         {"sid", [](ifl_msg_t &m) { m.iflm_sid_high = 4; m.iflm_sid_low = 67; }, 67, "ge-0/0/0", 0},
         {"device index", [](ifl_msg_t &m) { m.iflm_devindex = 3; }, 66, "em1", 0},
@@ -239,6 +239,15 @@ TEST_F(Ifaces, ChangesNotifyListenersAndAnswerNobody)
              ifa_msg_t m{}; m.hdr = hdr(RTS_MSG_IFADDR, RTS_OP_ADD); m.ifam_index = 99; m.ifam_af = TARN_AF_INET;
              m.ifam_local = addr; m.ifam_local_len = 4; m.ifam_local_plen = 32; return send(m); }, {}},
         {"device flags change", [&] { ifdev_msg_t m{}; m.hdr = hdr(RTS_MSG_IFDEV, RTS_OP_CHANGE); m.ifdm_index = 3; m.ifdm_flags = 0x10; m.ifdm_flags_mask = 0x10; return send(m); }, {"5/2"}},
+        {"subset point change", [&] {
+             rts_msg_info_t info{};
+             info.subset_iif.subset = 3;
+             info.subset_iif.value = 1;
+             rts_msg_info_t *slot = &info;
+             ifl_msg_t m{}; m.hdr = hdr(RTS_MSG_IFLOGICAL, RTS_OP_CHANGE); m.iflm_index = 64; m.iflm_changed = 16;
+             m.iflm_flags = 0x3;  // not applied: a point change carries only its records
+             m.hdr.info = &slot; m.hdr.info_count = 1;
+             return send(m); }, {"6/2"}},
         {"family change", [&] { iff_msg_t m{}; m.hdr = hdr(RTS_MSG_IFFAMILY, RTS_OP_CHANGE); m.iffm_index = 66; m.iffm_af = TARN_AF_INET; m.iffm_value1 = 1500; return send(m); }, {"7/2"}},
         {"address delete", [&] {
              ifa_msg_t m{}; m.hdr = hdr(RTS_MSG_IFADDR, RTS_OP_DELETE); m.ifam_index = 69; m.ifam_af = TARN_AF_INET;
@@ -253,6 +262,9 @@ TEST_F(Ifaces, ChangesNotifyListenersAndAnswerNobody)
     EXPECT_EQ(dump.find("10.1.2.3"), std::string::npos) << dump;
     EXPECT_EQ(dump.find("em1"), std::string::npos) << dump;
     EXPECT_NE(dump.find("device em0 index 2 snmp 2 flags 0x0"), std::string::npos) << dump;
+    const auto &lo0 = kernel_->interfaces().logicals().at(64);
+    EXPECT_EQ(lo0.subset_iif, 0x8);
+    EXPECT_EQ(lo0.flags, 0u);
     const auto &devs = kernel_->interfaces().devices();
     EXPECT_EQ(devs.count(3), 0u);
 }
@@ -428,6 +440,117 @@ TEST_F(Ifaces, ClientLimitSysctl)
     std::memcpy(&n, v.data(), 4);
     EXPECT_EQ(n, 12u);
     EXPECT_EQ(kernel_->sysctl_get("hw.product.nothing", v), ENOENT);
+}
+
+// A raw request of `fixed` bytes plus `name` (NUL counted, padded to 4);
+// `fill` sets the fields.
+std::vector<uint8_t> raw(uint8_t type, uint8_t op, uint16_t fixed, const std::string &name,
+                         const std::function<void(uint8_t *)> &fill)
+{
+    constexpr uint8_t kVersions[RTS_MSG_TYPE_COUNT] = RTS_MSG_VERSIONS_INIT;
+    const size_t named = name.empty() ? 0 : (name.size() + 1 + 3) / 4 * 4;
+    std::vector<uint8_t> m(fixed + named, 0);
+    m[RTS_HDR_VERSION_OFF] = kVersions[type];
+    m[RTS_HDR_TYPE_OFF] = type;
+    m[RTS_HDR_OP_OFF] = op;
+    const auto total = static_cast<uint32_t>(m.size());
+    std::memcpy(m.data() + RTS_HDR_LEN_OFF, &total, 4);
+    std::memcpy(m.data() + RTS_HDR_FIXED_LEN_OFF, &fixed, 2);
+    std::memcpy(m.data() + fixed, name.data(), name.size());
+    fill(m.data());
+    return m;
+}
+
+uint32_t word(const std::vector<uint8_t> &m, size_t off)
+{
+    uint32_t v = 0;
+    if (off + 4 <= m.size()) std::memcpy(&v, m.data() + off, 4);
+    return v;
+}
+
+TEST_F(Ifaces, StatisticsAnswerTheCountedTraffic)
+{
+    std::string out;
+    ASSERT_EQ(kernel_->command(0, "traffic em0.0 inet 10 20 1000 2000", out), 0);
+    ASSERT_EQ(kernel_->command(0, "traffic em0 1 1 1 1", out), 0);
+    EXPECT_EQ(kernel_->command(0, "traffic em9.0 1 1 1 1", out), ENOENT);
+    EXPECT_EQ(kernel_->command(0, "traffic em1.0 inet6 1 1 1 1", out), ENOENT);
+    auto u16 = [](uint8_t *p, uint16_t v) { std::memcpy(p, &v, 2); };
+    auto u32 = [](uint8_t *p, uint32_t v) { std::memcpy(p, &v, 4); };
+    struct {
+        const char *what;
+        std::vector<uint8_t> req;
+        size_t counters;  // 0: no answer expected
+        uint32_t error, in_packets, out_bytes;
+    } cases[] = {
+        {"device by index", raw(15, 4, 52, "", [&](uint8_t *m) { u16(m + 24, 2); }), 32, 0, 11, 2001},
+        {"device by name", raw(15, 4, 52, "em0", [&](uint8_t *m) { m[27] = 4; }), 32, 0, 11, 2001},
+        {"unknown device", raw(15, 4, 52, "", [&](uint8_t *m) { u16(m + 24, 9); }), 32, 2, 0, 0},
+        {"logical by index", raw(16, 4, 72, "", [&](uint8_t *m) { u32(m + 28, 65); }), 48, 0, 10, 2000},
+        {"logical by name and unit", raw(16, 4, 72, "em0", [&](uint8_t *m) { m[25] = 4; }), 48, 0, 10, 2000},
+        {"logical by sid", raw(16, 4, 72, "", [&](uint8_t *m) { u32(m + 32, 2); u32(m + 36, 65); }), 48, 0, 10, 2000},
+        {"family", raw(70, 4, 48, "", [&](uint8_t *m) { u32(m + 24, 65); m[28] = TARN_AF_INET; }), 32, 0, 10, 2000},
+        {"quiet family", raw(70, 4, 48, "", [&](uint8_t *m) { u32(m + 24, 65); m[28] = TARN_AF_INET6; }), 32, 0, 0, 0},
+        {"missing family", raw(70, 4, 48, "", [&](uint8_t *m) { u32(m + 24, 66); m[28] = TARN_AF_INET6; }), 32, 2, 0, 0},
+        {"clear is not answered", raw(16, 6, 72, "", [&](uint8_t *m) { u32(m + 28, 65); }), 0, 0, 0, 0},
+        {"cleared logical", raw(16, 4, 72, "", [&](uint8_t *m) { u32(m + 28, 65); }), 48, 0, 0, 0},
+        {"device keeps its count", raw(15, 4, 52, "", [&](uint8_t *m) { u16(m + 24, 2); }), 32, 0, 11, 2001},
+        {"short request", raw(15, 4, 40, "", [&](uint8_t *) {}), 0, 0, 0, 0},
+        {"name longer than the message", raw(15, 4, 52, "", [&](uint8_t *m) { m[27] = 40; }), 32, 2, 0, 0},
+    };
+    for (const auto &c : cases) {
+        const auto answers = kernel_->handle_message(asker_, c.req.data(), c.req.size());
+        ASSERT_EQ(answers.size(), c.counters ? 1u : 0u) << c.what;
+        if (c.counters == 0) continue;
+        const auto &a = answers[0].bytes;
+        ASSERT_EQ(a.size(), c.req.size()) << c.what;
+        EXPECT_EQ(word(a, 16), c.error) << c.what;
+        EXPECT_EQ(word(a, c.counters), c.in_packets) << c.what;
+        EXPECT_EQ(word(a, c.counters + 12), c.out_bytes) << c.what;
+    }
+}
+
+TEST_F(Ifaces, InterfaceStateClientsUpToTheLimit)
+{
+    make({"--ifs-max-clients", "2"});
+    auto client = [](uint8_t op, uint32_t id, const char *name) {
+        return raw(RTS_MSG_IFSTATE, op, 68, "", [&](uint8_t *m) {
+            std::memcpy(m + 24, &id, 4);
+            std::strncpy(reinterpret_cast<char *>(m + 36), name, 32);
+        });
+    };
+    struct {
+        const char *what;
+        std::vector<uint8_t> req;
+        uint32_t error, id, count;
+    } steps[] = {
+        {"first", client(1, 0, "snmpd"), 0, 1, 1},
+        {"same name", client(1, 0, "snmpd"), 17, 0, 1},
+        {"second", client(1, 0, "tarn"), 0, 2, 2},
+        {"over the limit", client(1, 0, "dcd"), 35, 0, 2},
+        {"remove", client(3, 1, ""), 0, 1, 1},
+        {"remove again", client(3, 1, ""), 2, 1, 1},
+        {"room again", client(1, 0, "dcd"), 0, 3, 2},
+    };
+    for (const auto &s : steps) {
+        const auto answers = kernel_->handle_message(asker_, s.req.data(), s.req.size());
+        ASSERT_EQ(answers.size(), 1u) << s.what;
+        const auto &a = answers[0].bytes;
+        EXPECT_EQ(word(a, 16), s.error) << s.what;
+        EXPECT_EQ(word(a, 24), s.id) << s.what;
+        EXPECT_EQ(word(a, 28), 2u) << s.what;
+        EXPECT_EQ(word(a, 32), s.count) << s.what;
+    }
+    const auto list = client(4, 0, "");
+    const auto answers = kernel_->handle_message(asker_, list.data(), list.size());
+    ASSERT_EQ(answers.size(), 1u);
+    const auto &a = answers[0].bytes;
+    ASSERT_EQ(a.size(), 68u + 2 * 36);
+    EXPECT_EQ(word(a, RTS_HDR_LEN_OFF), a.size());
+    EXPECT_EQ(word(a, 68), 2u);
+    EXPECT_STREQ(reinterpret_cast<const char *>(a.data() + 72), "tarn");
+    EXPECT_EQ(word(a, 104), 3u);
+    EXPECT_STREQ(reinterpret_cast<const char *>(a.data() + 108), "dcd");
 }
 
 }  // namespace

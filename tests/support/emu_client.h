@@ -26,6 +26,8 @@
 //                             interface changes that notify listeners (TLV);
 //                             EEXIST / ENOENT when refused, EINVAL (with the
 //                             reason as output) for bad arguments
+//   traffic NAME [inet|inet6] IN_PKTS OUT_PKTS IN_BYTES OUT_BYTES
+//                             counts traffic that the statistics requests answer
 //   ifs-max-clients N         the sysctl hw.product.ifs_max_clients
 #ifndef TARN_TESTS_EMU_CLIENT_H
 #define TARN_TESTS_EMU_CLIENT_H
