@@ -133,6 +133,24 @@ struct Commands {
     TARN_IF_COMMAND(unnumbered_add, "unnumbered", false)
     TARN_IF_COMMAND(unnumbered_delete, "unnumbered", true)
 #undef TARN_IF_COMMAND
+    // "traffic em0.0 [inet] IN_PKTS OUT_PKTS IN_BYTES OUT_BYTES".
+    static int traffic(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        std::string name, word;
+        if (!(in >> name >> word)) return EINVAL;
+        uint8_t af = 0;
+        std::istringstream rest;
+        if (word == "inet" || word == "inet6") {
+            af = word == "inet" ? TARN_AF_INET : TARN_AF_INET6;
+        } else {
+            rest.str(word);
+        }
+        Counters c;
+        std::istream &first = af != 0 ? in : rest;
+        if (!(first >> c.in_packets)) return EINVAL;
+        if (!read_numbers(in, c.out_packets, c.in_bytes, c.out_bytes)) return EINVAL;
+        return k.interfaces_.add_traffic(name, af, c);
+    }
     static int ifs_max_clients(Kernel &k, Socket *, std::istream &in, std::string &)
     {
         uint32_t n = 0;
@@ -343,6 +361,10 @@ const Commands::Entry Commands::kTable[] = {
      "make the interface's family unnumbered, borrowing the donor's address", unnumbered_add},
     {"unnumbered-delete", "NAME.UNIT DONOR.UNIT [inet|inet6]", false,
      "remove the unnumbered family", unnumbered_delete},
+    {"traffic", "NAME [inet|inet6] IN_PKTS OUT_PKTS IN_BYTES OUT_BYTES", false,
+     "count traffic on a device, or on a logical interface (and its device, and the family "
+     "when named); the statistics requests answer it",
+     traffic},
     {"ifs-max-clients", "N", false, "set the sysctl hw.product.ifs_max_clients",
      ifs_max_clients},
 };

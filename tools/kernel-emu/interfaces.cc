@@ -12,6 +12,7 @@
 #include <tarn/rtsock_wire.h>
 
 #include "routing.h"
+#include "wire_bytes.h"
 
 namespace tarn::kemu {
 namespace {
@@ -20,6 +21,7 @@ constexpr uint8_t kVersions[RTS_MSG_TYPE_COUNT] = RTS_MSG_VERSIONS_INIT;
 constexpr uint16_t kDevFixed = 148, kIflFixed = 184, kIffFixed = 252, kIfaFixed = 144;
 constexpr uint32_t kHdrBits = (1u << RTS_HDR_BIT_INFO) - 1;
 constexpr uint32_t kNameMax = 60;  // with the NUL
+constexpr uint32_t kPointChange = 16;  // iflm_changed of a change carrying information records
 
 rts_hdr_t header(uint8_t type, uint8_t op, uint16_t hdrlen)
 {
@@ -660,10 +662,10 @@ void Interfaces::logical_request(const ifl_msg_t &req, Emission &out)
     const uint8_t op = req.hdr.op;
     uint32_t index = req.iflm_index;
     if (index == 0 && req.name != nullptr) {
-        const std::string name = name_of(req.name, req.name_len);
-        const uint16_t d = device_by_name(name);
-        // A whole "em0.5" in the name field stands for itself.
-        index = d != 0 ? logical_by(d, req.iflm_unit) : logical_by_name(name);
+        // The name is a device name, matched exactly: a whole "em0.5" (as
+        // if_nametoindex sends it) names no device and finds nothing.
+        const uint16_t d = device_by_name(name_of(req.name, req.name_len));
+        index = d != 0 ? logical_by(d, req.iflm_unit) : 0;
     } else if (index == 0 && req.iflm_snmp_id > kLogicalSnmpBase) {
         index = req.iflm_snmp_id - kLogicalSnmpBase;
     } else if (index == 0 && (req.iflm_sid_high != 0 || req.iflm_sid_low != 0)) {
@@ -692,8 +694,10 @@ void Interfaces::logical_request(const ifl_msg_t &req, Emission &out)
     case RTS_OP_CHANGE: {
         if (it == logicals_.end()) return;
         Logical &l = it->second;
-        if (req.iflm_changed == 0) l.flags = req.iflm_flags;
-        for (uint32_t i = 0; i < req.hdr.info_count; ++i) {
+        // A point change (changed word 16) carries only its information
+        // records; a plain change states the flags.
+        if (req.iflm_changed != kPointChange) l.flags = req.iflm_flags;
+        for (uint32_t i = 0; req.iflm_changed == kPointChange && i < req.hdr.info_count; ++i) {
             const rts_msg_info_t *info = req.hdr.info != nullptr ? req.hdr.info[i] : nullptr;
             if (info == nullptr) continue;
             const auto &s = info->subset_iif;
@@ -841,6 +845,106 @@ void Interfaces::address_request(const ifa_msg_t &req, Emission &out)
     default:
         return;
     }
+}
+
+// --- statistics ------------------------------------------------------------
+
+namespace {
+
+struct StatsLayout {
+    uint8_t type;
+    uint16_t fixed;
+    uint32_t counters;  // offset of the four counter words
+};
+constexpr StatsLayout kDevStats{RTS_MSG_IFDSTATS, 52, 32};
+constexpr StatsLayout kIflStats{RTS_MSG_IFLSTATS, 72, 48};
+constexpr StatsLayout kIffStats{70, 48, 32};
+
+void put_counters(uint8_t *p, const Counters &c)
+{
+    store_u32(p, c.in_packets);
+    store_u32(p + 4, c.out_packets);
+    store_u32(p + 8, c.in_bytes);
+    store_u32(p + 12, c.out_bytes);
+}
+
+void add(Counters &to, const Counters &c)
+{
+    to.in_packets += c.in_packets;
+    to.out_packets += c.out_packets;
+    to.in_bytes += c.in_bytes;
+    to.out_bytes += c.out_bytes;
+}
+
+// The name behind the fixed part, `n` bytes with the NUL; "" when absent or
+// longer than the message.
+std::string stats_name(const uint8_t *req, uint32_t len, uint32_t fixed, uint32_t n)
+{
+    if (n == 0 || n > kNameMax || fixed + n > len) return {};
+    return name_of(req + fixed, n);
+}
+
+}  // namespace
+
+void Interfaces::stats_request(const uint8_t *req, uint32_t len, Emission &out)
+{
+    const uint8_t type = req[RTS_HDR_TYPE_OFF];
+    const StatsLayout &l = type == RTS_MSG_IFDSTATS ? kDevStats : type == RTS_MSG_IFLSTATS ? kIflStats : kIffStats;
+    if (len < l.fixed || load_u16(req + RTS_HDR_FIXED_LEN_OFF) != l.fixed) return;
+    Counters *c = nullptr;
+    if (type == RTS_MSG_IFDSTATS) {
+        uint16_t index = load_u16(req + 24);
+        if (index == 0) index = device_by_name(stats_name(req, len, l.fixed, req[27]));
+        auto it = devices_.find(index);
+        if (it != devices_.end()) c = &it->second.stats;
+    } else if (type == RTS_MSG_IFLSTATS) {
+        uint32_t index = load_u32(req + 28);
+        const std::string name = stats_name(req, len, l.fixed, req[25]);
+        if (index == 0 && !name.empty()) {
+            const uint16_t d = device_by_name(name);
+            index = d != 0 ? logical_by(d, load_u32(req + 40)) : 0;
+        } else if (index == 0) {
+            index = load_u32(req + 36);  // the statistics id's low word is the index
+            auto it = logicals_.find(index);
+            if (it != logicals_.end() && it->second.devindex != load_u32(req + 32)) index = 0;
+        }
+        auto it = logicals_.find(index);
+        if (it != logicals_.end()) c = &it->second.stats;
+    } else {
+        auto it = families_.find({load_u32(req + 24), req[28]});
+        if (it != families_.end()) c = &it->second.stats;
+    }
+    const uint8_t op = req[RTS_HDR_OP_OFF];
+    if (op == RTS_OP_CLEAR) {
+        if (c != nullptr) *c = Counters{};
+        return;
+    }
+    if (op != RTS_OP_GET) return;
+    std::vector<uint8_t> answer(req, req + len);
+    store_u32(answer.data() + 16, c != nullptr ? 0 : kErrNoEntry);
+    put_counters(answer.data() + l.counters, c != nullptr ? *c : Counters{});
+    out.answer_raw(std::move(answer));
+}
+
+int Interfaces::add_traffic(const std::string &name, uint8_t af, const Counters &c)
+{
+    if (const uint16_t d = device_by_name(name); d != 0 && af == 0) {
+        add(devices_[d].stats, c);
+        return 0;
+    }
+    const uint32_t ifl = logical_by_name(name);
+    if (ifl == 0 || name.find('.') == std::string::npos) return ENOENT;
+    Family *f = nullptr;
+    if (af != 0) {
+        auto it = families_.find({ifl, af});
+        if (it == families_.end()) return ENOENT;
+        f = &it->second;
+    }
+    Logical &l = logicals_[ifl];
+    add(l.stats, c);
+    add(devices_[l.devindex].stats, c);
+    if (f != nullptr) add(f->stats, c);
+    return 0;
 }
 
 // --- tables and dumps ------------------------------------------------------

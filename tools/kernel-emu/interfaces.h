@@ -27,8 +27,14 @@ inline constexpr uint32_t kIffUnnumbered = 0x20000000;
 inline constexpr uint32_t kFirstLogicalIndex = 64;
 inline constexpr uint32_t kLogicalSnmpBase = 1000;
 
+// Traffic counters answered by the statistics requests, as they travel.
+struct Counters {
+    uint32_t in_packets = 0, out_packets = 0, in_bytes = 0, out_bytes = 0;
+};
+
 struct Device {
     std::string name;
+    Counters stats;
     uint32_t flags = 0, devflags = 0, value = 0;
     uint16_t attr = 0, media_type = 0;
 };
@@ -40,6 +46,7 @@ struct Logical {
     uint8_t lr_index = 0;
     uint32_t underlying = 0;
     uint16_t subset_iif = 0;
+    Counters stats;
 };
 
 struct Family {
@@ -47,6 +54,7 @@ struct Family {
     uint32_t value1 = 0, value2 = 0;
     uint16_t value3 = 0, value4 = 0;
     uint32_t donor = 0;  // donor's logical index when unnumbered
+    Counters stats;
 };
 
 struct Address {
@@ -93,6 +101,13 @@ public:
     void logical_request(const ifl_msg_t &req, Emission &out);
     void family_request(const iff_msg_t &req, Emission &out);
     void address_request(const ifa_msg_t &req, Emission &out);
+
+    // Statistics of devices (type 15), logical interfaces (16) and families
+    // (70) travel raw; a malformed request gets no answer.
+    void stats_request(const uint8_t *req, uint32_t len, Emission &out);
+    // Adds traffic to "em0" (the device), "em0.0" (the logical interface and
+    // its device) or "em0.0" with `af` (also the family). 0 or ENOENT.
+    int add_traffic(const std::string &name, uint8_t af, const Counters &c);
 
     // A control-path change: 0 or EEXIST, ENOENT, EINVAL; listeners hear of
     // it through `out`.

@@ -107,6 +107,7 @@ void store_option(SocketState &s, int optname, const uint8_t *value)
 
 constexpr const char *kIfsMaxClients = "hw.product.ifs_max_clients";
 constexpr int32_t kNetRtIflist = 3;
+constexpr uint8_t kIffStatsType = 70;  // family statistics
 
 constexpr size_t kArenaStart = 64 * 1024;
 constexpr size_t kArenaMax = 8 * 1024 * 1024;
@@ -278,7 +279,15 @@ std::vector<Outgoing> Kernel::handle_message(uint64_t id, const uint8_t *msg, si
               type < RTS_MSG_TYPE_COUNT ? rtm_types[type] : "?", msg[RTS_HDR_OP_OFF], len,
               load_u32(msg + RTS_HDR_SEQ_OFF));
     Emission out(sockets_, log_, id, Encoding::kIdr);
-    if (type == RTS_MSG_RTSTATS) routing_.stats_request(msg, static_cast<uint32_t>(len), out);
+    const auto n = static_cast<uint32_t>(len);
+    switch (type) {
+    case RTS_MSG_RTSTATS: routing_.stats_request(msg, n, out); break;
+    case RTS_MSG_IFDSTATS:
+    case RTS_MSG_IFLSTATS:
+    case kIffStatsType: interfaces_.stats_request(msg, n, out); break;
+    case RTS_MSG_IFSTATE: ifstate_.request(msg, n, ifs_max_clients_, out); break;
+    default: break;
+    }
     return out.take();
 }
 

@@ -16,6 +16,7 @@
 #include "emission.h"
 #include "emu_config.h"
 #include "emu_log.h"
+#include "ifstate.h"
 #include "interfaces.h"
 #include "routing.h"
 #include "socket_state.h"
@@ -71,6 +72,7 @@ public:
 
     const Routing &routing() const { return routing_; }
     const Interfaces &interfaces() const { return interfaces_; }
+    const IfStateClients &ifstate_clients() const { return ifstate_; }
     uint32_t ifs_max_clients() const { return ifs_max_clients_; }
 
 private:
@@ -82,6 +84,7 @@ private:
     std::map<std::string, std::vector<uint8_t>> sysctls_;
     Routing routing_;
     Interfaces interfaces_;
+    IfStateClients ifstate_;
     uint32_t ifs_max_clients_;
     Emission::Sockets sockets_;
     uint64_t next_id_ = 1;
