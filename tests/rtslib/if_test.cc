@@ -412,7 +412,7 @@ TEST_F(Interfaces, CLibraryLookupsAskWithTheWholeName)
 {
     EXPECT_EQ(if_nametoindex("em1"), kEm1);
     errno = 0;
-    EXPECT_EQ(if_nametoindex("nosuch0"), 0u);
+    EXPECT_EQ(if_nametoindex("em1.0"), 0u);  // the whole name, not device and unit
     EXPECT_EQ(errno, ENXIO);
     char buf[IF_NAMESIZE > 60 ? IF_NAMESIZE : 60];
     ASSERT_NE(if_indextoname(kGe0, buf), nullptr);
@@ -665,6 +665,69 @@ TEST_F(Interfaces, DonorAddressNotificationsReachTheRegistry)
         ASSERT_EQ(rtslib_async_event_process(h_), 0);
         EXPECT_EQ(order, s.want);
     }
+}
+
+}  // namespace
+
+namespace {
+
+class InterfaceStateClients : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(emu_.running());
+        h_ = rtslib_open(1);
+        ASSERT_NE(h_, nullptr);
+    }
+    void TearDown() override { rtslib_close(h_); }
+    std::string printed(const void *msg, uint32_t len, int *rc)
+    {
+        char *text = nullptr;
+        size_t size = 0;
+        FILE *out = open_memstream(&text, &size);
+        *rc = rtslib_ifsm_print(out, msg, len);
+        std::fclose(out);
+        std::string s(text, size);
+        std::free(text);
+        return s;
+    }
+
+    KernelEmulator emu_{{"--ifs-max-clients", "2"}};
+    rtslib_cookie *h_ = nullptr;
+};
+
+TEST_F(InterfaceStateClients, RegisterListAndRemove)
+{
+    uint32_t limit = 0;
+    ASSERT_EQ(rtslib_ifsclim_get(&limit), 0);
+    EXPECT_EQ(limit, 2u);
+
+    uint32_t a = 0, b = 0, c = 0;
+    ASSERT_EQ(rtslib_ifsm_register(h_, "ifmond", &a), 0);
+    EXPECT_EQ(rtslib_ifsm_register(h_, "ifmond", &c), EEXIST);
+    ASSERT_EQ(rtslib_ifsm_register(h_, "snmpd", &b), 0);
+    EXPECT_EQ(rtslib_ifsm_register(h_, "third", &c), EAGAIN);
+
+    void *reply = nullptr;
+    uint32_t len = 0;
+    ASSERT_EQ(rtslib_ifsm_get(h_, &reply, &len), 0);
+    int rc = -1;
+    EXPECT_EQ(printed(reply, len, &rc), "ifstate clients: 2 of 2\n  client " + std::to_string(a) +
+                                            ": ifmond\n  client " + std::to_string(b) +
+                                            ": snmpd\n");
+    EXPECT_EQ(rc, 0);
+    // A count promising more clients than the answer holds.
+    std::vector<uint8_t> lying(static_cast<uint8_t *>(reply), static_cast<uint8_t *>(reply) + len);
+    lying[RTS_IFSTATE_COUNT_OFF] = 3;
+    EXPECT_EQ(printed(lying.data(), len, &rc), "");
+    EXPECT_EQ(rc, EINVAL);
+    EXPECT_EQ(printed(reply, len - 1, &rc), "");
+    EXPECT_EQ(rc, EINVAL);
+    rtslib_msg_free(h_, reply);
+
+    ASSERT_EQ(rtslib_ifsm_unregister(h_, a), 0);
+    EXPECT_EQ(rtslib_ifsm_unregister(h_, a), ENOENT);
+    ASSERT_EQ(rtslib_ifsm_register(h_, "third", &c), 0);
 }
 
 }  // namespace

@@ -62,6 +62,10 @@ enum class AnswerWait : uint8_t {
 // daemon under test.
 int await_answer(int fd, AnswerWait how);
 
+// An error number the kernel put in a message (the target's numbering) as
+// this system's errno value.
+int kernel_errno(uint32_t wire);
+
 // Closes a routing-socket descriptor.
 int route_socket_close(int fd);
 

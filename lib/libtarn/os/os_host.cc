@@ -295,6 +295,25 @@ int await_answer(int fd, AnswerWait)
     return 0;
 }
 
+int kernel_errno(uint32_t wire)
+{
+    // The emulator speaks the target's numbers; those below 35 agree with
+    // Linux, the network ones above do not.
+    struct Pair {
+        uint32_t wire;
+        int host;
+    };
+    static constexpr Pair kDiffering[] = {
+        {35, EAGAIN},          {36, EINPROGRESS},   {37, EALREADY},      {43, EPROTONOSUPPORT},
+        {45, EOPNOTSUPP},      {47, EAFNOSUPPORT},  {48, EADDRINUSE},    {49, EADDRNOTAVAIL},
+        {50, ENETDOWN},        {51, ENETUNREACH},   {55, ENOBUFS},       {60, ETIMEDOUT},
+        {61, ECONNREFUSED},    {62, ELOOP},         {63, ENAMETOOLONG},  {65, EHOSTUNREACH},
+    };
+    for (const Pair &p : kDiffering)
+        if (p.wire == wire) return p.host;
+    return static_cast<int>(wire);
+}
+
 int route_socket_close(int fd)
 {
     return ::close(fd);

@@ -82,6 +82,11 @@ int await_answer(int fd, AnswerWait how)
     return 0;
 }
 
+int kernel_errno(uint32_t wire)
+{
+    return static_cast<int>(wire);
+}
+
 int route_socket_close(int fd)
 {
     return ::close(fd);

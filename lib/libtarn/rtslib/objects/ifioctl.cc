@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libtarn/os/os.h"
 #include "libtarn/rtslib/objects/if_common.h"
 #include <tarn/rtslib_msg.h>
 
@@ -34,7 +35,7 @@ int send_address(rtslib_cookie *h, uint8_t op, const uint8_t *req)
 
     iff_msg_t *iff = nullptr;
     int rc = rtslib_iffm_get_by_dev_name(h, family, device, unit, RTS_OP_GET, &iff, nullptr);
-    if (rc == 0 && iff->hdr.error != 0) rc = static_cast<int>(iff->hdr.error);
+    if (rc == 0 && iff->hdr.error != 0) rc = tarn::os::kernel_errno(iff->hdr.error);
     if (rc == 0 && family != TARN_AF_INET) rc = EAFNOSUPPORT;
     if (rc == 0) {
         RequestBuffer rb(h);

@@ -87,7 +87,7 @@ template <typename Use> int lookup(rtslib_cookie *h, const IflKey &key, Use &&us
 {
     ifl_msg_t *reply = nullptr;
     int rc = get_ifl(h, key, RTS_OP_GET, &reply, nullptr);
-    if (rc == 0 && reply->hdr.error != 0) rc = static_cast<int>(reply->hdr.error);
+    if (rc == 0 && reply->hdr.error != 0) rc = tarn::os::kernel_errno(reply->hdr.error);
     if (rc == 0) rc = use(*reply);
     rtslib_msg_idl_release(h, reply);
     return rc;

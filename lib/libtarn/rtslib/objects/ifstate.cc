@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "libtarn/os/os.h"
@@ -45,7 +46,7 @@ int rtslib_ifsm_request(rtslib_cookie *h, uint8_t op, uint32_t id, const char *n
     if (rc != 0) return rc;
     const auto *a = static_cast<const uint8_t *>(answer);
     if (!is_ifstate(a, len)) rc = EIO;
-    else rc = static_cast<int>(load_u32(a + kErrorOff));
+    else rc = tarn::os::kernel_errno(load_u32(a + kErrorOff));
     if (rc != 0) {
         rtslib_msg_free(h, answer);
         return rc;
