@@ -77,6 +77,47 @@ TARN_API int rtslib_ifdm_get_by_name(rtslib_cookie *handle, const char *name, ui
 TARN_API int rtslib_ifdm_get_by_snmp_index(rtslib_cookie *handle, uint32_t snmp_id, uint8_t op,
                                            ifdev_msg_t **reply_out, uint32_t *reply_len);
 
+/* Information TLVs given to the add and change calls: 16-bit tag, 16-bit
+ * value length, the value padded to 4 bytes, host order; each becomes one
+ * opaque information record (rts_opaque_info) whose word is the tag.
+ * Malformed TLVs give EINVAL. */
+
+/* Adds a device (op 1, sequence 0, not answered): `name` is required;
+ * `attribute` goes to ifdm_media_type, `info` (NULL: none) is copied whole,
+ * `addr` and `haddr` are socket addresses whose first byte is their length
+ * (NULL or length 0: none). */
+TARN_API int rtslib_ifdm_add_with_tlvs(rtslib_cookie *handle, const char *name,
+                                       uint16_t device_index, uint16_t attribute, uint32_t flags,
+                                       uint32_t value, const if_pfe_options_t *info,
+                                       const void *addr, const void *haddr, const void *tlvs,
+                                       uint32_t tlv_length);
+TARN_API int rtslib_ifdm_add(rtslib_cookie *handle, const char *name, uint16_t device_index,
+                             uint16_t attribute, const if_pfe_options_t *info, const void *addr,
+                             const void *haddr);
+
+/* ifdm_changed bit of a flags change; information word of device data. */
+#define RTSLIB_IFDM_CHANGED_FLAGS 0x1u
+#define RTSLIB_IFDM_DATA_WORD 0x070000FFu
+
+/* Lets a point change's caller add fields to the request before it goes. */
+typedef void (*rtslib_ifdm_fill_fn)(rtslib_cookie *handle, ifdev_msg_t *msg);
+
+/* A change (op 2) of one device numbered by rtslib_seq_get_next, not
+ * answered: non-zero `flags` are set in ifdm_flags and ifdm_flags_mask and
+ * mark ifdm_changed; `data` (required) of `length` bytes goes as one opaque
+ * information record of word RTSLIB_IFDM_DATA_WORD. */
+TARN_API int rtslib_ifdm_pointchange(rtslib_cookie *handle, uint16_t device_index, uint32_t flags,
+                                     rtslib_ifdm_fill_fn fill, const void *data, uint32_t length);
+/* Reads the device and writes a change with its flags with `flags` cleared
+ * (clear != 0) or set, its attribute and alternate address. The read's
+ * error (or the kernel's) is returned; ENOMEM without an answer. */
+TARN_API int rtslib_ifdm_change_flags(rtslib_cookie *handle, uint16_t device_index,
+                                      uint32_t flags, int clear);
+/* As rtslib_ifdm_change_flags carrying `tlvs` (required); the device's
+ * current flags are sent, not `flags`. */
+TARN_API int rtslib_ifdm_change_tlvs(rtslib_cookie *handle, uint16_t device_index,
+                                     uint32_t flags, const void *tlvs, uint32_t tlv_length);
+
 /* Reads the routing sysctl interface list of `kind` (RTSLIB_IFLIST_*) into a
  * message list: 0, or the sysctl errno / ENOMEM with *list_out NULL. The
  * table's buffer belongs to the list. */
@@ -110,6 +151,14 @@ TARN_API int rtslib_iflm_update(rtslib_cookie *handle, uint32_t index, uint16_t 
 TARN_API int rtslib_iflm_update_flags(rtslib_cookie *handle, uint32_t index,
                                       uint16_t device_index, uint32_t unit, uint32_t snmp_index,
                                       const char *name, uint32_t flags, uint8_t op);
+
+/* A point change (op 2, iflm_changed RTSLIB_IFL_POINT_CHANGE, not
+ * answered) carrying the information TLVs (see the device calls) of
+ * tlv_length bytes; `tlvs` is required. */
+TARN_API int rtslib_iflm_pointchange_tlv(rtslib_cookie *handle, uint32_t index,
+                                         uint16_t device_index, uint32_t unit,
+                                         uint32_t snmp_index, const char *name, const void *tlvs,
+                                         uint32_t tlv_length);
 
 /* --- Families and addresses --------------------------------------------- */
 

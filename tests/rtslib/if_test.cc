@@ -731,3 +731,55 @@ TEST_F(InterfaceStateClients, RegisterListAndRemove)
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(RequestLayout, InformationTlvsBecomeOneRecordEach)
+{
+    // tag 225 with 2 bytes (padded to 4), then tag 9 with 5 bytes.
+    const std::vector<uint8_t> tlvs = {225, 0, 2, 0, 3, 1, 0, 0, 9, 0, 5, 0, 1, 2, 3, 4, 5};
+    ASSERT_EQ(rtslib_iflm_pointchange_tlv(h_, 70, 0, 0, 0, nullptr, tlvs.data(),
+                                          static_cast<uint32_t>(tlvs.size())),
+              0);
+    ifl_msg_t *sent = written();
+    ASSERT_NE(sent, nullptr);
+    EXPECT_EQ(sent->iflm_changed, RTSLIB_IFL_POINT_CHANGE);
+    ASSERT_EQ(sent->hdr.info_count, 2u);
+    EXPECT_EQ(sent->hdr.info[0]->opaque.info_word, 225u);
+    EXPECT_EQ(std::vector<uint8_t>(sent->hdr.info[0]->opaque.data,
+                                   sent->hdr.info[0]->opaque.data + sent->hdr.info[0]->opaque.data_len),
+              (std::vector<uint8_t>{3, 1}));
+    EXPECT_EQ(sent->hdr.info[1]->opaque.info_word, 9u);
+    EXPECT_EQ(sent->hdr.info[1]->opaque.data_len, 5u);
+    rtslib_msg_idl_release(h_, sent);
+
+    // A value running past the bytes given; a device without a name.
+    EXPECT_EQ(rtslib_iflm_pointchange_tlv(h_, 70, 0, 0, 0, nullptr, tlvs.data(), 15), EINVAL);
+    EXPECT_EQ(rtslib_ifdm_add(h_, nullptr, 3, 0, nullptr, nullptr, nullptr), EINVAL);
+    EXPECT_EQ(written(), nullptr);
+}
+
+TEST_F(Interfaces, DeviceChangesStartFromTheCurrentFlags)
+{
+    auto flags = [&] {
+        ifdev_msg_t *d = nullptr;
+        EXPECT_EQ(rtslib_ifdm_get_by_index(h_, 2, RTS_OP_GET, &d, nullptr), 0);
+        const uint32_t f = d == nullptr ? 0xdeadu : d->ifdm_flags;
+        rtslib_msg_idl_release(h_, d);
+        return f;
+    };
+    const uint8_t data[3] = {1, 2, 3};
+    ASSERT_EQ(rtslib_ifdm_pointchange(h_, 2, 0x107, nullptr, data, sizeof data), 0);
+    const uint32_t before = flags();
+    ASSERT_EQ(before & 0x107u, 0x107u);
+    ASSERT_EQ(rtslib_ifdm_change_flags(h_, 2, 0x4, 1), 0);
+    EXPECT_EQ(flags(), before & ~0x4u);
+    ASSERT_EQ(rtslib_ifdm_change_flags(h_, 2, 0x4, 0), 0);
+    EXPECT_EQ(flags(), before);
+    const uint8_t tlv[8] = {9, 0, 4, 0, 1, 2, 3, 4};
+    ASSERT_EQ(rtslib_ifdm_change_tlvs(h_, 2, 0x10, tlv, sizeof tlv), 0);
+    EXPECT_EQ(flags(), before);  // the device's own flags went out, not 0x10
+    EXPECT_EQ(rtslib_ifdm_change_flags(h_, 99, 0x4, 1), ENOENT);
+}
+
+}  // namespace

@@ -20,6 +20,16 @@ uint8_t *place_name(RequestBuffer &rb, const char *name, uint32_t *len);
 bool place_sockaddr(RequestBuffer &rb, const void *address, idl_sockaddr_gen_t ***slot,
                     uint32_t *count);
 
+// The caller's information TLVs (16-bit tag, 16-bit value length, the
+// value padded to 4 bytes; host order) as the request's information records,
+// one opaque record per TLV whose word is the tag. 0, EINVAL for TLVs that
+// overrun `len`, ENOMEM when the buffer is full.
+int place_tlvs(RequestBuffer &rb, rts_hdr_t &hdr, const uint8_t *tlvs, uint32_t len);
+
+// One opaque information record with `word` and a copy of `data`.
+int place_opaque(RequestBuffer &rb, rts_hdr_t &hdr, uint32_t word, const void *data,
+                 uint32_t len);
+
 // An answer read as one message of any length into a new record.
 inline Answer long_answer(void **record_out)
 {

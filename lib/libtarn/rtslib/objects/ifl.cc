@@ -230,6 +230,23 @@ int rtslib_iflm_update_flags(rtslib_cookie *h, uint32_t index, uint16_t device_i
     return send_change(h, ifl);
 }
 
+int rtslib_iflm_pointchange_tlv(rtslib_cookie *h, uint32_t index, uint16_t device_index,
+                                uint32_t unit, uint32_t snmp_index, const char *name,
+                                const void *tlvs, uint32_t tlv_length)
+{
+    if (int rc = tarn::check_request(h, tlvs != nullptr); rc != 0) return rc;
+    RequestBuffer rb(h);
+    if (!rb.ok()) return ENOMEM;
+    IflKey key{index, snmp_index, device_index, unit, 0, 0, name};
+    ifl_msg_t *ifl = new_ifl(rb, RTS_OP_CHANGE, key);
+    if (ifl == nullptr) return ENOMEM;
+    ifl->iflm_changed = RTSLIB_IFL_POINT_CHANGE;
+    if (int rc = tarn::place_tlvs(rb, ifl->hdr, static_cast<const uint8_t *>(tlvs), tlv_length);
+        rc != 0)
+        return rc;
+    return send_change(h, ifl);
+}
+
 int ifl_get_device_name(const char *name, char *buffer, size_t size, uint32_t *unit)
 {
     if (name == nullptr || buffer == nullptr || unit == nullptr) return fail(EINVAL);
