@@ -110,6 +110,27 @@ template <typename Use> int lookup_or_errno(const IflKey &key, Use &&use)
     return rc > 0 ? fail(rc) : rc;
 }
 
+int pick_index(const ifl_msg_t &r)
+{
+    return static_cast<int>(r.iflm_index);
+}
+
+int pick_lr_index(const ifl_msg_t &r)
+{
+    return r.iflm_lr_index;
+}
+
+// One number of the interface `key` selects; -1 with errno on failure.
+int lookup_number(const IflKey &key, int (*pick)(const ifl_msg_t &))
+{
+    int result = -1;
+    int rc = lookup_or_errno(key, [&](const ifl_msg_t &r) {
+        result = pick(r);
+        return 0;
+    });
+    return rc == 0 ? result : -1;
+}
+
 // "dev.unit" into device and unit; false (EINVAL) when it does not fit.
 bool split_name(const char *name, char (&device)[RTSLIB_IFNAME_MAX], uint32_t *unit)
 {
@@ -125,12 +146,7 @@ int index_by_name(const char *name, bool want_lr)
     IflKey key;
     if (!split_name(name, device, &key.unit)) return fail(EINVAL);
     key.name = device;
-    int result = -1;
-    int rc = lookup_or_errno(key, [&](const ifl_msg_t &r) {
-        result = want_lr ? r.iflm_lr_index : static_cast<int>(r.iflm_index);
-        return 0;
-    });
-    return rc == 0 ? result : -1;
+    return lookup_number(key, want_lr ? pick_lr_index : pick_index);
 }
 
 int format_name(const IflKey &key, char *buffer, size_t size)
@@ -162,44 +178,32 @@ extern "C" {
 int rtslib_iflm_get_by_index(rtslib_cookie *h, uint32_t index, uint8_t op, ifl_msg_t **reply_out,
                              uint32_t *reply_len)
 {
-    IflKey key;
-    key.index = index;
-    return get_ifl(h, key, op, reply_out, reply_len);
+    return get_ifl(h, IflKey{.index = index}, op, reply_out, reply_len);
 }
 
 int rtslib_iflm_get_by_snmp_index(rtslib_cookie *h, uint32_t snmp_index, uint8_t op,
                                   ifl_msg_t **reply_out, uint32_t *reply_len)
 {
-    IflKey key;
-    key.snmp_index = snmp_index;
-    return get_ifl(h, key, op, reply_out, reply_len);
+    return get_ifl(h, IflKey{.snmp_index = snmp_index}, op, reply_out, reply_len);
 }
 
 int rtslib_iflm_get_by_device(rtslib_cookie *h, uint16_t device_index, uint32_t unit, uint8_t op,
                               ifl_msg_t **reply_out, uint32_t *reply_len)
 {
-    IflKey key;
-    key.device_index = device_index;
-    key.unit = unit;
-    return get_ifl(h, key, op, reply_out, reply_len);
+    return get_ifl(h, IflKey{.device_index = device_index, .unit = unit}, op, reply_out,
+                   reply_len);
 }
 
 int rtslib_iflm_get_by_name(rtslib_cookie *h, const char *name, uint32_t unit, uint8_t op,
                             ifl_msg_t **reply_out, uint32_t *reply_len)
 {
-    IflKey key;
-    key.name = name;
-    key.unit = unit;
-    return get_ifl(h, key, op, reply_out, reply_len, true);
+    return get_ifl(h, IflKey{.unit = unit, .name = name}, op, reply_out, reply_len, true);
 }
 
 int rtslib_iflm_get_by_sid(rtslib_cookie *h, uint32_t sid_high, uint32_t sid_low, uint8_t op,
                            ifl_msg_t **reply_out, uint32_t *reply_len)
 {
-    IflKey key;
-    key.sid_high = sid_high;
-    key.sid_low = sid_low;
-    return get_ifl(h, key, op, reply_out, reply_len);
+    return get_ifl(h, IflKey{.sid_high = sid_high, .sid_low = sid_low}, op, reply_out, reply_len);
 }
 
 int rtslib_iflm_update(rtslib_cookie *h, uint32_t index, uint16_t device_index, uint32_t unit,
@@ -275,33 +279,17 @@ int ifl_getlrindexbyifname(const char *name)
 
 int ifl_getindexbysnmpifindex(uint32_t snmp_index)
 {
-    IflKey key;
-    key.snmp_index = snmp_index;
-    int result = -1;
-    int rc = lookup_or_errno(key, [&](const ifl_msg_t &r) {
-        result = static_cast<int>(r.iflm_index);
-        return 0;
-    });
-    return rc == 0 ? result : -1;
+    return lookup_number(IflKey{.snmp_index = snmp_index}, pick_index);
 }
 
 int ifl_getlrindexbyifindex(uint32_t index)
 {
-    IflKey key;
-    key.index = index;
-    int result = -1;
-    int rc = lookup_or_errno(key, [&](const ifl_msg_t &r) {
-        result = r.iflm_lr_index;
-        return 0;
-    });
-    return rc == 0 ? result : -1;
+    return lookup_number(IflKey{.index = index}, pick_lr_index);
 }
 
 int ifl_getnamebyifindex(uint32_t index, char *buffer, size_t size)
 {
-    IflKey key;
-    key.index = index;
-    return format_name(key, buffer, size);
+    return format_name(IflKey{.index = index}, buffer, size);
 }
 
 int ifl_getnamebysnmpifindex(uint32_t snmp_index, char *buffer, size_t size)
