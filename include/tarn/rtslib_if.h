@@ -243,6 +243,61 @@ TARN_API void rtslib_unnum_ifa_cleanup(rtslib_cookie *handle);
 TARN_API int rtslib_unnum_get_donor_ifl_idx(rtslib_cookie *handle, uint32_t ifl_index,
                                             uint8_t family, uint32_t *donor);
 
+/* --- Statistics --------------------------------------------------------- */
+
+/* Raw requests (no envelope, host order), answered with the request echoed,
+ * its counters filled and the kernel's error in the header word at offset
+ * 16; the answer (*reply_out, NULL after a failure) is freed with
+ * rtslib_msg_free. Clears (RTS_OP_CLEAR) are not answered. A name travels
+ * behind the fixed part, NUL included, cut to RTSLIB_IFNAME_MAX bytes, its
+ * length in a byte of the fixed part, padded to 4 bytes. */
+#define RTS_IFDSTATS_VERSION 99 /* 'c' */
+#define RTS_IFDSTATS_FIXED_LEN 52
+#define RTS_IFDSTATS_INDEX_OFF 24    /* u16 device index */
+#define RTS_IFDSTATS_SUBTYPE_OFF 26  /* u8 */
+#define RTS_IFDSTATS_NAME_LEN_OFF 27 /* u8 */
+#define RTS_IFDSTATS_COUNTERS_OFF 32 /* u32 in/out packets, in/out bytes */
+#define RTS_IFLSTATS_VERSION 100 /* 'd' */
+#define RTS_IFLSTATS_FIXED_LEN 72
+#define RTS_IFLSTATS_SUBTYPE_OFF 24  /* u8 */
+#define RTS_IFLSTATS_NAME_LEN_OFF 25 /* u8 */
+#define RTS_IFLSTATS_INDEX_OFF 28    /* u32 */
+#define RTS_IFLSTATS_SID_OFF 32      /* u32 high, u32 low */
+#define RTS_IFLSTATS_UNIT_OFF 40     /* u32, with a name */
+#define RTS_IFLSTATS_COUNTERS_OFF 48
+#define RTS_IFFSTATS_VERSION 100 /* 'd' */
+#define RTS_IFFSTATS_FIXED_LEN 48
+#define RTS_IFFSTATS_INDEX_OFF 24 /* u32 */
+#define RTS_IFFSTATS_AF_OFF 28    /* u8 */
+#define RTS_IFFSTATS_SUBTYPE_OFF 29
+#define RTS_IFFSTATS_COUNTERS_OFF 32
+
+TARN_API int rtslib_ifdsm_get_by_index(rtslib_cookie *handle, uint16_t device_index,
+                                       uint8_t subtype, uint8_t op, void **reply_out);
+TARN_API int rtslib_ifdsm_get_by_name(rtslib_cookie *handle, const char *name, uint8_t subtype,
+                                      uint8_t op, void **reply_out);
+TARN_API int rtslib_ifdsm_clear_by_index(rtslib_cookie *handle, uint16_t device_index,
+                                         uint8_t subtype);
+TARN_API int __rtslib_iflsm_get_by_index(rtslib_cookie *handle, uint32_t index, uint8_t op,
+                                         void **reply_out);
+TARN_API int __rtslib_iflsm_get_by_index_and_subtype(rtslib_cookie *handle, uint32_t index,
+                                                     uint8_t subtype, uint8_t op,
+                                                     void **reply_out);
+TARN_API int __rtslib_iflsm_get_by_sid(rtslib_cookie *handle, uint32_t sid_high,
+                                       uint32_t sid_low, uint8_t op, void **reply_out);
+TARN_API int __rtslib_iflsm_get_by_name(rtslib_cookie *handle, const char *name, uint32_t unit,
+                                        uint8_t op, void **reply_out);
+TARN_API int __rtslib_iflsm_get_by_name_and_subtype(rtslib_cookie *handle, const char *name,
+                                                    uint32_t unit, uint8_t subtype, uint8_t op,
+                                                    void **reply_out);
+TARN_API int __rtslib_iflsm_clear_by_index(rtslib_cookie *handle, uint32_t index);
+TARN_API int __rtslib_iflsm_clear_by_sid(rtslib_cookie *handle, uint32_t sid_high,
+                                         uint32_t sid_low);
+/* Nothing to release; kept for callers that pair it with the lookups. */
+TARN_API void __rtslib_iflsm_cleanup(rtslib_cookie *handle);
+TARN_API int rtslib_iffsm_get_by_index(rtslib_cookie *handle, uint32_t index, uint8_t family,
+                                       uint8_t subtype, uint8_t op, void **reply_out);
+
 /* --- Lookups (-1 or NULL with errno on failure) --------------------------- */
 
 /* Copies `name` into buffer (size bytes) and cuts it at its last '.': *unit

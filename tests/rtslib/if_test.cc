@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "emu_client.h"
 #include "kernel_emulator.h"
 #include "report_collector.h"
 #include "libtarn/rtslib/objects/ifaddrs_walk.h"
@@ -780,6 +781,42 @@ TEST_F(Interfaces, DeviceChangesStartFromTheCurrentFlags)
     ASSERT_EQ(rtslib_ifdm_change_tlvs(h_, 2, 0x10, tlv, sizeof tlv), 0);
     EXPECT_EQ(flags(), before);  // the device's own flags went out, not 0x10
     EXPECT_EQ(rtslib_ifdm_change_flags(h_, 99, 0x4, 1), ENOENT);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(Interfaces, StatisticsCountTraffic)
+{
+    int err = -1;
+    tarn::test::command(-1, "traffic em0.0 inet 5 6 700 800", &err);
+    ASSERT_EQ(err, 0);
+    auto counters = [&](void *reply, uint32_t off) {
+        std::vector<uint32_t> c(4);
+        EXPECT_NE(reply, nullptr);
+        if (reply != nullptr) std::memcpy(c.data(), static_cast<uint8_t *>(reply) + off, 16);
+        rtslib_msg_free(h_, reply);
+        return c;
+    };
+    const std::vector<uint32_t> want = {5, 6, 700, 800};
+    void *reply = nullptr;
+    ASSERT_EQ(rtslib_ifdsm_get_by_name(h_, "em0", 0, RTS_OP_GET, &reply), 0);
+    EXPECT_EQ(counters(reply, RTS_IFDSTATS_COUNTERS_OFF), want);
+    ASSERT_EQ(__rtslib_iflsm_get_by_name(h_, "em0", 0, RTS_OP_GET, &reply), 0);
+    EXPECT_EQ(counters(reply, RTS_IFLSTATS_COUNTERS_OFF), want);
+    ASSERT_EQ(__rtslib_iflsm_get_by_index(h_, kEm0, RTS_OP_GET, &reply), 0);
+    EXPECT_EQ(counters(reply, RTS_IFLSTATS_COUNTERS_OFF), want);
+    ASSERT_EQ(rtslib_iffsm_get_by_index(h_, kEm0, TARN_AF_INET, 0, RTS_OP_GET, &reply), 0);
+    EXPECT_EQ(counters(reply, RTS_IFFSTATS_COUNTERS_OFF), want);
+
+    ASSERT_EQ(__rtslib_iflsm_clear_by_index(h_, kEm0), 0);
+    ASSERT_EQ(__rtslib_iflsm_get_by_index(h_, kEm0, RTS_OP_GET, &reply), 0);
+    EXPECT_EQ(counters(reply, RTS_IFLSTATS_COUNTERS_OFF), std::vector<uint32_t>(4, 0));
+    ASSERT_EQ(rtslib_ifdsm_clear_by_index(h_, 2, 0), 0);
+    ASSERT_EQ(rtslib_ifdsm_get_by_index(h_, 2, 0, RTS_OP_GET, &reply), 0);
+    EXPECT_EQ(counters(reply, RTS_IFDSTATS_COUNTERS_OFF), std::vector<uint32_t>(4, 0));
+    EXPECT_EQ(__rtslib_iflsm_get_by_name(h_, nullptr, 0, RTS_OP_GET, &reply), EINVAL);
 }
 
 }  // namespace
