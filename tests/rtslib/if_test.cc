@@ -19,6 +19,7 @@
 #include "emu_client.h"
 #include "kernel_emulator.h"
 #include "report_collector.h"
+#include "libtarn/os/os.h"
 #include "libtarn/rtslib/objects/ifaddrs_walk.h"
 #include <tarn/tarn.h>
 
@@ -817,6 +818,31 @@ TEST_F(Interfaces, StatisticsCountTraffic)
     ASSERT_EQ(rtslib_ifdsm_get_by_index(h_, 2, 0, RTS_OP_GET, &reply), 0);
     EXPECT_EQ(counters(reply, RTS_IFDSTATS_COUNTERS_OFF), std::vector<uint32_t>(4, 0));
     EXPECT_EQ(__rtslib_iflsm_get_by_name(h_, nullptr, 0, RTS_OP_GET, &reply), EINVAL);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(Interfaces, SysctlReadsFollowSysctlsConventions)
+{
+    size_t size = 0;
+    ASSERT_EQ(tarn::os::route_iflist(RTSLIB_IFLIST_ADDRESSES, nullptr, &size), 0);
+    ASSERT_GT(size, 24u);
+    std::vector<uint8_t> table(size);
+    size_t got = size;
+    ASSERT_EQ(tarn::os::route_iflist(RTSLIB_IFLIST_ADDRESSES, table.data(), &got), 0);
+    EXPECT_EQ(got, size);
+    got = size - 1;
+    errno = 0;
+    EXPECT_EQ(tarn::os::route_iflist(RTSLIB_IFLIST_ADDRESSES, table.data(), &got), -1);
+    EXPECT_EQ(errno, ENOMEM);
+
+    uint32_t value = 0;
+    size_t len = sizeof value;
+    errno = 0;
+    EXPECT_EQ(tarn::os::sysctl_by_name("hw.product.no_such_thing", &value, &len, nullptr, 0), -1);
+    EXPECT_EQ(errno, ENOENT);
 }
 
 }  // namespace
