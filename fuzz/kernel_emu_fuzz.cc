@@ -4,9 +4,13 @@
 // written alternately by two sockets that listen to everything. Any crash,
 // leak or sanitizer report is a finding; answers and notifications are
 // taken from the queues as a client would read them.
+//
+// The same input is first read as an --interfaces file; when it is one, the
+// kernel starts with that set instead of the built-in one.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "kernel.h"
 
@@ -16,6 +20,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     EmuConfig cfg;
     cfg.types = RTS_MSG_TYPE_COUNT;
     cfg.interface_version = RTS_INTERFACE_VERSION;
+    std::string error;
+    if (parse_interfaces_text(std::string(reinterpret_cast<const char *>(data), size), cfg.interfaces,
+                              error))
+        cfg.interfaces_file = "input";
     const EmuLog log(false);
     Kernel kernel(cfg, log);
     const uint64_t sockets[2] = {kernel.open_socket("a"), kernel.open_socket("b")};

@@ -2,7 +2,7 @@
 //
 // Commands (command(); "(socket)" ones need the routing socket's fd, the
 // others take -1; tarn-kernel-emu's "help" command prints this list):
-//   help, dump, count, sockets
+//   help, dump (routing state, then interfaces), count, sockets
 //   state (socket)            one "name value" a line: socket, name, sender-id,
 //                             lr-id, listen-mask (0x + 16 hex digits, high word
 //                             first), async-mode, slave-mode, master-mode,
@@ -19,6 +19,16 @@
 //   mgroup-add TID AF HEX BITS IIF, mgroup-delete TID AF HEX BITS,
 //   table-add TID AF NAME     changes that notify listeners (TLV); HEX "-" is
 //                             an empty prefix
+//   device-add NAME, device-delete NAME, logical-add NAME.UNIT,
+//   logical-delete NAME.UNIT, address-add NAME.UNIT ADDR/PLEN,
+//   address-delete NAME.UNIT ADDR/PLEN,
+//   unnumbered-add NAME.UNIT DONOR.UNIT [inet|inet6], unnumbered-delete ...
+//                             interface changes that notify listeners (TLV);
+//                             EEXIST / ENOENT when refused, EINVAL (with the
+//                             reason as output) for bad arguments
+//   traffic NAME [inet|inet6] IN_PKTS OUT_PKTS IN_BYTES OUT_BYTES
+//                             counts traffic that the statistics requests answer
+//   ifs-max-clients N         the sysctl hw.product.ifs_max_clients
 #ifndef TARN_TESTS_EMU_CLIENT_H
 #define TARN_TESTS_EMU_CLIENT_H
 

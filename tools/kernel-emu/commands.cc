@@ -99,7 +99,63 @@ struct Commands {
     }
     static int dump(Kernel &k, Socket *, std::istream &, std::string &out)
     {
-        out = k.routing_.dump();
+        out = k.routing_.dump() + k.interfaces_.dump();
+        return 0;
+    }
+    // "device-add em2", "address-delete em0.0 192.0.2.1/24", ...: the
+    // --interfaces line after the verb's first word.
+    static int if_change(Kernel &k, std::istream &in, const char *kind, bool remove,
+                         std::string &out)
+    {
+        std::vector<std::string> words{kind};
+        for (std::string w; in >> w;) words.push_back(w);
+        IfChange c;
+        if (!parse_if_change(words, remove, c, out)) {
+            out += "\n";
+            return EINVAL;
+        }
+        Emission e(k.sockets_, k.log_, 0, Encoding::kTlv);
+        const int rc = k.interfaces_.apply(c, e);
+        k.post(e.take());
+        return rc;
+    }
+#define TARN_IF_COMMAND(fn, kind, remove)                                            \
+    static int fn(Kernel &k, Socket *, std::istream &in, std::string &out)            \
+    {                                                                                 \
+        return if_change(k, in, kind, remove, out);                                   \
+    }
+    TARN_IF_COMMAND(device_add, "device", false)
+    TARN_IF_COMMAND(device_delete, "device", true)
+    TARN_IF_COMMAND(logical_add, "logical", false)
+    TARN_IF_COMMAND(logical_delete, "logical", true)
+    TARN_IF_COMMAND(address_add, "address", false)
+    TARN_IF_COMMAND(address_delete, "address", true)
+    TARN_IF_COMMAND(unnumbered_add, "unnumbered", false)
+    TARN_IF_COMMAND(unnumbered_delete, "unnumbered", true)
+#undef TARN_IF_COMMAND
+    // "traffic em0.0 [inet] IN_PKTS OUT_PKTS IN_BYTES OUT_BYTES".
+    static int traffic(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        std::string name, word;
+        if (!(in >> name >> word)) return EINVAL;
+        uint8_t af = 0;
+        std::istringstream rest;
+        if (word == "inet" || word == "inet6") {
+            af = word == "inet" ? TARN_AF_INET : TARN_AF_INET6;
+        } else {
+            rest.str(word);
+        }
+        Counters c;
+        std::istream &first = af != 0 ? in : rest;
+        if (!(first >> c.in_packets)) return EINVAL;
+        if (!read_numbers(in, c.out_packets, c.in_bytes, c.out_bytes)) return EINVAL;
+        return k.interfaces_.add_traffic(name, af, c);
+    }
+    static int ifs_max_clients(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        uint32_t n = 0;
+        if (!read_numbers(in, n)) return EINVAL;
+        k.ifs_max_clients_ = n;
         return 0;
     }
     static int count(Kernel &k, Socket *, std::istream &, std::string &out)
@@ -259,7 +315,10 @@ struct Commands {
 
 const Commands::Entry Commands::kTable[] = {
     {"help", "", false, "this list", help},
-    {"dump", "", false, "route tables, routes and multicast groups, one a line", dump},
+    {"dump", "", false,
+     "route tables, routes, multicast groups and interfaces (with families and addresses), "
+     "one a line",
+     dump},
     {"count", "", false, "the number of routes", count},
     {"sockets", "", false, "every routing socket with its listen mask, sequence and queue", sockets},
     {"state", "", true,
@@ -284,6 +343,30 @@ const Commands::Entry Commands::kTable[] = {
     {"mgroup-delete", "TID AF HEX BITS", false,
      "delete a multicast group and notify listeners", mgroup_delete},
     {"table-add", "TID AF NAME", false, "add a route table and notify listeners", table_add},
+    {"device-add", "NAME", false, "add an interface device (em2) and notify listeners",
+     device_add},
+    {"device-delete", "NAME", false,
+     "delete a device with its logical interfaces, families and addresses, notifying listeners",
+     device_delete},
+    {"logical-add", "NAME.UNIT", false, "add a logical interface and notify listeners",
+     logical_add},
+    {"logical-delete", "NAME.UNIT", false,
+     "delete a logical interface with its families and addresses, notifying listeners",
+     logical_delete},
+    {"address-add", "NAME.UNIT ADDRESS/PLEN", false,
+     "add an IPv4 or IPv6 address (and its family when new) and notify listeners", address_add},
+    {"address-delete", "NAME.UNIT ADDRESS/PLEN", false, "delete an address and notify listeners",
+     address_delete},
+    {"unnumbered-add", "NAME.UNIT DONOR.UNIT [inet|inet6]", false,
+     "make the interface's family unnumbered, borrowing the donor's address", unnumbered_add},
+    {"unnumbered-delete", "NAME.UNIT DONOR.UNIT [inet|inet6]", false,
+     "remove the unnumbered family", unnumbered_delete},
+    {"traffic", "NAME [inet|inet6] IN_PKTS OUT_PKTS IN_BYTES OUT_BYTES", false,
+     "count traffic on a device, or on a logical interface (and its device, and the family "
+     "when named); the statistics requests answer it",
+     traffic},
+    {"ifs-max-clients", "N", false, "set the sysctl hw.product.ifs_max_clients",
+     ifs_max_clients},
 };
 
 std::string command_help()

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 
 #include "libtarn/os/emu_protocol.h"
 #include <tarn/rtsock_wire.h>
@@ -47,6 +49,25 @@ bool parse_option_list(const char *text, std::set<int> &out)
     }
 }
 
+// Reads and checks the --interfaces file.
+bool load_interfaces(const char *path, EmuConfig &cfg, std::string &error)
+{
+    std::ifstream in(path);
+    if (!in) {
+        error = std::string("--interfaces: cannot read ") + path;
+        return false;
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    std::string why;
+    if (!parse_interfaces_text(text.str(), cfg.interfaces, why)) {
+        error = std::string(path) + ": " + why;
+        return false;
+    }
+    cfg.interfaces_file = path;
+    return true;
+}
+
 }  // namespace
 
 std::string usage_text(const char *argv0)
@@ -73,6 +94,10 @@ Options:
                          EINVAL; repeatable
   --queue-bound N        notifications a socket may have waiting (default
                          4096); further ones are dropped and counted
+  --interfaces FILE      start with the interfaces FILE describes instead of
+                         the built-in set (see below)
+  --ifs-max-clients N    value of the sysctl hw.product.ifs_max_clients
+                         (default 8)
   --log                  print one line per connection, option and message;
                          SIGUSR1 then prints the routing state (tables,
                          routes, multicast groups)
@@ -97,6 +122,24 @@ for a socket that already has the bound's number of messages waiting is
 dropped, counted per socket and logged; its sequence number is used up, so
 the reader sees the gap.
 
+Interfaces: by default the kernel starts with
+  lo0       lo0.0      127.0.0.1/32, ::1/128
+  em0       em0.0      192.0.2.1/24, 2001:db8::1/64
+  em1       em1.0      198.51.100.1/24
+  ge-0/0/0  ge-0/0/0.0 203.0.113.1/24
+            ge-0/0/0.5 unnumbered (inet), borrowing lo0.0's address
+Devices are numbered from 1 in the order they appear (SNMP index = device
+index), logical interfaces from 64 (SNMP index = 1000 + index). An
+--interfaces file holds one line per object, '#' starts a comment:
+  device NAME                                  a device, e.g. em2
+  logical NAME.UNIT                            a logical interface on it
+  address NAME.UNIT ADDRESS/PREFIXLEN          an IPv4 or IPv6 address
+  unnumbered NAME.UNIT DONOR.UNIT [inet|inet6] an unnumbered family (inet
+                                               unless named) borrowing the
+                                               donor's address
+Each line may only name objects defined above it. The routing sysctl's
+interface lists (NET_RT_IFLIST kinds 1, 2 and 10) are served from this set.
+
 Tests script the emulator through PATH.ctl with commands; "help" lists them
 (state of a socket, injected messages, changes, stalled readers, dropped
 answers, state dumps).
@@ -106,7 +149,7 @@ answers, state dumps).
 
 ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &error)
 {
-    enum { kSocket = 1, kIfVersion, kTypes, kTypeVersion, kFailOption, kQueueBound, kLog };
+    enum { kSocket = 1, kIfVersion, kTypes, kTypeVersion, kFailOption, kQueueBound, kLog, kInterfaces, kIfsMaxClients };
     static const option opts[] = {
         {"socket", required_argument, nullptr, kSocket},
         {"interface-version", required_argument, nullptr, kIfVersion},
@@ -115,6 +158,8 @@ ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &erro
         {"fail-option", required_argument, nullptr, kFailOption},
         {"queue-bound", required_argument, nullptr, kQueueBound},
         {"log", no_argument, nullptr, kLog},
+        {"interfaces", required_argument, nullptr, kInterfaces},
+        {"ifs-max-clients", required_argument, nullptr, kIfsMaxClients},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
@@ -166,6 +211,16 @@ ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &erro
             break;
         case kLog:
             cfg.log = true;
+            break;
+        case kInterfaces:
+            if (!load_interfaces(optarg, cfg, error)) return ParseOutcome::kError;
+            break;
+        case kIfsMaxClients:
+            if (!parse_int(optarg, 0, INT_MAX, n)) {
+                error = "--ifs-max-clients takes a number from 0 to 2147483647";
+                return ParseOutcome::kError;
+            }
+            cfg.ifs_max_clients = static_cast<uint32_t>(n);
             break;
         case 'h':
             return ParseOutcome::kHelp;

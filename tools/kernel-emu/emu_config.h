@@ -6,6 +6,9 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
+
+#include "interfaces.h"
 
 #include "socket_state.h"
 
@@ -19,6 +22,11 @@ struct EmuConfig {
     std::set<int> fail_options;   // level-17 options whose set fails with EINVAL
     size_t queue_bound = kDefaultQueueBound;  // each socket's notification bound
     bool log = false;
+    // --interfaces: the file and the set it describes (empty file name: the
+    // built-in set).
+    std::string interfaces_file;
+    std::vector<IfChange> interfaces;
+    uint32_t ifs_max_clients = 8;  // hw.product.ifs_max_clients
 };
 
 enum class ParseOutcome { kRun, kHelp, kError };

@@ -105,6 +105,10 @@ void store_option(SocketState &s, int optname, const uint8_t *value)
     }
 }
 
+constexpr const char *kIfsMaxClients = "hw.product.ifs_max_clients";
+constexpr int32_t kNetRtIflist = 3;
+constexpr uint8_t kIffStatsType = 70;  // family statistics
+
 constexpr size_t kArenaStart = 64 * 1024;
 constexpr size_t kArenaMax = 8 * 1024 * 1024;
 
@@ -124,8 +128,13 @@ std::string option_name(int optname)
 }
 
 Kernel::Kernel(const EmuConfig &cfg, const EmuLog &log)
-    : cfg_(cfg), log_(log), codec_(rtslib_open_nc()), arena_(kArenaStart)
+    : cfg_(cfg), log_(log), ifs_max_clients_(cfg.ifs_max_clients), codec_(rtslib_open_nc()),
+      arena_(kArenaStart)
 {
+    // Nobody listens yet: the starting set is built without notifications.
+    Emission quiet(sockets_, log_, 0, Encoding::kIdr);
+    for (const IfChange &c : cfg.interfaces_file.empty() ? default_interfaces() : cfg.interfaces)
+        interfaces_.apply(c, quiet);
     rtslib_lib_error_register(codec_, const_cast<EmuLog *>(&log_), log_sink);
     // Byte 0 is whatever type count is configured, but a version byte is
     // always present for every type the library knows.
@@ -199,6 +208,12 @@ int Kernel::set_option(SocketState &sock, int level, int optname, const uint8_t 
 int Kernel::sysctl_set(const std::string &name, const uint8_t *value, size_t len)
 {
     // Writable nodes the router kernel has; others do not exist.
+    if (name == kIfsMaxClients) {
+        if (len != sizeof ifs_max_clients_) return EINVAL;
+        std::memcpy(&ifs_max_clients_, value, len);
+        log_.line("sysctl %s = %u", name.c_str(), ifs_max_clients_);
+        return 0;
+    }
     static const char *const kWritable[] = {"debug.enable_kbt"};
     bool known = false;
     for (const char *n : kWritable) known = known || name == n;
@@ -209,6 +224,25 @@ int Kernel::sysctl_set(const std::string &name, const uint8_t *value, size_t len
         words += (i ? ", " : "") + std::to_string(static_cast<int32_t>(load_u32(value + i)));
     log_.line("sysctl %s = {%s}", name.c_str(), words.c_str());
     return 0;
+}
+
+int Kernel::sysctl_get(const std::string &name, std::vector<uint8_t> &value) const
+{
+    if (name == kIfsMaxClients) {
+        value.resize(sizeof ifs_max_clients_);
+        std::memcpy(value.data(), &ifs_max_clients_, sizeof ifs_max_clients_);
+        return 0;
+    }
+    auto it = sysctls_.find(name);
+    if (it == sysctls_.end()) return ENOENT;
+    value = it->second;
+    return 0;
+}
+
+int Kernel::route_sysctl(const int32_t *mib, size_t words, std::vector<uint8_t> &table) const
+{
+    if (words != 4 || mib[0] != 0 || mib[1] != 0 || mib[2] != kNetRtIflist) return EINVAL;
+    return interfaces_.iflist(mib[3], table) ? 0 : EINVAL;
 }
 
 std::vector<Outgoing> Kernel::handle_message(uint64_t id, const uint8_t *msg, size_t len)
@@ -245,7 +279,15 @@ std::vector<Outgoing> Kernel::handle_message(uint64_t id, const uint8_t *msg, si
               type < RTS_MSG_TYPE_COUNT ? rtm_types[type] : "?", msg[RTS_HDR_OP_OFF], len,
               load_u32(msg + RTS_HDR_SEQ_OFF));
     Emission out(sockets_, log_, id, Encoding::kIdr);
-    if (type == RTS_MSG_RTSTATS) routing_.stats_request(msg, static_cast<uint32_t>(len), out);
+    const auto n = static_cast<uint32_t>(len);
+    switch (type) {
+    case RTS_MSG_RTSTATS: routing_.stats_request(msg, n, out); break;
+    case RTS_MSG_IFDSTATS:
+    case RTS_MSG_IFLSTATS:
+    case kIffStatsType: interfaces_.stats_request(msg, n, out); break;
+    case RTS_MSG_IFSTATE: ifstate_.request(msg, n, ifs_max_clients_, out); break;
+    default: break;
+    }
     return out.take();
 }
 
@@ -256,6 +298,14 @@ void Kernel::dispatch(const void *record, Emission &out)
     case RTS_MSG_ROUTE: return routing_.route_request(*static_cast<const rt_msg_t *>(record), out);
     case RTS_MSG_RTTABLE: return routing_.table_request(*static_cast<const rtb_msg_t *>(record), out);
     case RTS_MSG_MGROUP: return routing_.mgroup_request(*static_cast<const mgr_msg_t *>(record), out);
+    case RTS_MSG_IFDEV:
+        return interfaces_.device_request(*static_cast<const ifdev_msg_t *>(record), out);
+    case RTS_MSG_IFLOGICAL:
+        return interfaces_.logical_request(*static_cast<const ifl_msg_t *>(record), out);
+    case RTS_MSG_IFFAMILY:
+        return interfaces_.family_request(*static_cast<const iff_msg_t *>(record), out);
+    case RTS_MSG_IFADDR:
+        return interfaces_.address_request(*static_cast<const ifa_msg_t *>(record), out);
     default: return;
     }
 }

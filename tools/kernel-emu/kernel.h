@@ -16,6 +16,8 @@
 #include "emission.h"
 #include "emu_config.h"
 #include "emu_log.h"
+#include "ifstate.h"
+#include "interfaces.h"
 #include "routing.h"
 #include "socket_state.h"
 
@@ -55,6 +57,12 @@ public:
     // sysctlbyname writes. 0 or an errno value.
     int sysctl_set(const std::string &name, const uint8_t *value, size_t len);
     const std::map<std::string, std::vector<uint8_t>> &sysctls() const { return sysctls_; }
+    // sysctlbyname reads: 0 with the value, or ENOENT for a name the kernel
+    // does not have.
+    int sysctl_get(const std::string &name, std::vector<uint8_t> &value) const;
+    // The routing sysctl below CTL_NET.PF_ROUTE: `mib` holds its words (0, 0,
+    // NET_RT_IFLIST, kind). 0 with the whole table, or EINVAL.
+    int route_sysctl(const int32_t *mib, size_t words, std::vector<uint8_t> &table) const;
 
     // A control command line (see command_help()) about socket `id` (0:
     // none). 0 with the command's output in `out`, or an errno value:
@@ -63,6 +71,9 @@ public:
     int command(uint64_t id, const std::string &text, std::string &out);
 
     const Routing &routing() const { return routing_; }
+    const Interfaces &interfaces() const { return interfaces_; }
+    const IfStateClients &ifstate_clients() const { return ifstate_; }
+    uint32_t ifs_max_clients() const { return ifs_max_clients_; }
 
 private:
     friend struct Commands;
@@ -72,6 +83,9 @@ private:
     std::vector<uint8_t> version_block_;
     std::map<std::string, std::vector<uint8_t>> sysctls_;
     Routing routing_;
+    Interfaces interfaces_;
+    IfStateClients ifstate_;
+    uint32_t ifs_max_clients_;
     Emission::Sockets sockets_;
     uint64_t next_id_ = 1;
     rtslib_cookie *codec_;          // a handle without socket for the codecs

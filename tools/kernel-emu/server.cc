@@ -199,6 +199,16 @@ int Server::control_request(const emu::CtlRequest &req, const uint8_t *value,
     const std::string name(req.name, req.name_len);
     const auto op = static_cast<emu::CtlOp>(req.op);
     if (op == emu::CtlOp::kSysctlSet) return kernel_.sysctl_set(name, value, req.value_len);
+    if (op == emu::CtlOp::kSysctlGet) return kernel_.sysctl_get(name, out);
+    if (op == emu::CtlOp::kRouteSysctl) {
+        std::vector<int32_t> mib(req.value_len / sizeof(int32_t));
+        if (req.value_len % sizeof(int32_t) != 0) return EINVAL;
+        if (!mib.empty()) std::memcpy(mib.data(), value, req.value_len);
+        const int err = kernel_.route_sysctl(mib.data(), mib.size(), out);
+        log_.line("route sysctl of %zu words -> %s, %zu bytes", mib.size(),
+                  err ? std::strerror(err) : "ok", out.size());
+        return err;
+    }
     if (op == emu::CtlOp::kCommand && name.empty()) return run_command(0, value, req.value_len, out);
 
     // Everything else names a routing socket. Its client connected it before

@@ -7,6 +7,7 @@
 #include "libtarn/rtslib/msg_io_internal.h"
 #include "libtarn/rtslib/wire.h"
 #include <tarn/idl.h>
+#include <tarn/rtslib_if.h>
 #include <tarn/rtslib_msg.h>
 
 namespace {
@@ -19,12 +20,23 @@ constexpr uint32_t kOpaqueFlagsOff = 24;
 constexpr uint32_t kOpaquePayloadLenOff = 28;
 constexpr uint32_t kEnvelopeTypeOff = 8;
 
-bool unnumbered_donor_intake(rtslib_cookie *, void *)
+// Hands an address notification to the unnumbered-donor registry. A deleted
+// donor address is reported before the handler runs, while the interested
+// interfaces can still act on it; any other change after the handler has
+// seen it. True when a report is still owed after the handler.
+bool unnumbered_donor_intake(rtslib_cookie *h, void *record)
 {
+    const auto *ifa = static_cast<const ifa_msg_t *>(record);
+    if (rtslib_unnum_ifa_save_msg(h, ifa) != 0) return false;
+    if (ifa->hdr.op != RTS_OP_DELETE) return true;
+    rtslib_unnum_ifa_report(h);
     return false;
 }
 
-void unnumbered_donor_report(rtslib_cookie *) {}
+void unnumbered_donor_report(rtslib_cookie *h)
+{
+    rtslib_unnum_ifa_report(h);
+}
 
 int gencfg_intake(rtslib_cookie *, void **)
 {

@@ -8,6 +8,7 @@
 #include "libtarn/rtslib/handle_internal.h"
 #include "libtarn/rtslib/msg_types.h"
 #include <tarn/rtslib_async.h>
+#include <tarn/rtslib_if.h>
 
 namespace {
 
@@ -148,6 +149,7 @@ rtslib_cookie *rtslib_open_nc(void)
 void rtslib_close(rtslib_cookie *h)
 {
     if (h == nullptr) return;
+    rtslib_unnum_ifa_cleanup(h);
     if (h->fd != -1) tarn::os::route_socket_close(h->fd);
     std::free(h->version_info);
     std::free(h->read_buffer);
