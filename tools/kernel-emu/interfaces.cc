@@ -451,10 +451,19 @@ void Interfaces::notify_address(const Address &a, uint8_t op, Emission &out) con
 
 // --- changes ---------------------------------------------------------------
 
-uint16_t Interfaces::new_device(const std::string &name, Emission &out)
+uint16_t Interfaces::free_device_index() const
 {
+    // Device indexes are 16-bit and 0 means none.
+    if (devices_.size() >= 0xffff) return 0;
     uint16_t index = 1;
     while (devices_.count(index) != 0) ++index;
+    return index;
+}
+
+uint16_t Interfaces::new_device(const std::string &name, Emission &out)
+{
+    const uint16_t index = free_device_index();
+    if (index == 0) return 0;
     devices_[index].name = name;
     notify_device(index, RTS_OP_ADD, out);
     return index;
@@ -545,7 +554,7 @@ int Interfaces::apply(const IfChange &c, Emission &out)
 {
     if (c.kind == IfChange::kDevice) {
         const uint16_t d = device_by_name(c.name);
-        if (!c.remove) return d != 0 ? EEXIST : (new_device(c.name, out), 0);
+        if (!c.remove) return d != 0 ? EEXIST : new_device(c.name, out) != 0 ? 0 : ENOSPC;
         if (d == 0) return ENOENT;
         std::vector<uint32_t> ifls;
         for (const auto &[i, l] : logicals_)
@@ -619,9 +628,8 @@ void Interfaces::device_request(const ifdev_msg_t &req, Emission &out)
     case RTS_OP_ADD: {
         if (!valid_device_name(name) || device_by_name(name) != 0) return;
         if (req.ifdm_index != 0 && devices_.count(req.ifdm_index) != 0) return;
-        uint16_t at = req.ifdm_index;
-        if (at == 0)
-            while (devices_.count(++at) != 0) {}
+        const uint16_t at = req.ifdm_index != 0 ? req.ifdm_index : free_device_index();
+        if (at == 0) return;
         Device &d = devices_[at];
         d.name = name;
         d.flags = req.ifdm_flags;
@@ -810,20 +818,22 @@ void Interfaces::address_request(const ifa_msg_t &req, Emission &out)
         return;
     }
     case RTS_OP_ADD: {
+        if ((req.ifam_af != TARN_AF_INET && req.ifam_af != TARN_AF_INET6) || req.ifam_local == nullptr)
+            return;
         Address a;
         a.ifl = ifl;
         a.af = req.ifam_af;
         a.flags = req.ifam_flags;
-        if (req.ifam_local != nullptr) a.local.assign(req.ifam_local, req.ifam_local + req.ifam_local_len);
-        const size_t full = a.af == TARN_AF_INET ? 4 : 16;
-        if (a.local.size() < full) a.local.resize(full, 0);  // the request carries whole words
-        a.local.resize(full);
+        // The request carries the bytes its bit length covers, padded to
+        // words; the kernel keeps the whole address.
+        a.local.assign(req.ifam_local, req.ifam_local + req.ifam_local_len);
+        a.local.resize(a.af == TARN_AF_INET ? 4 : 16, 0);
         a.local_plen = req.ifam_local_plen;
         if (req.ifam_dest != nullptr && req.ifam_dest_len != 0) {
             a.dest.assign(req.ifam_dest, req.ifam_dest + req.ifam_dest_len);
+            a.dest.resize(a.local.size(), 0);
             a.dest_plen = req.ifam_dest_plen;
         }
-        if (a.af != TARN_AF_INET && a.af != TARN_AF_INET6) return;
         add_address(std::move(a), out);
         return;
     }
