@@ -134,6 +134,8 @@ private:
     std::vector<Address> addresses_;  // grouped by logical interface
 
     uint16_t device_by_name(const std::string &name) const;
+    const Logical *find_logical(uint32_t ifl) const;
+    const Device *device_of(const Logical *l) const;
     uint32_t logical_by(uint16_t devindex, uint32_t unit) const;
     uint16_t free_device_index() const;  // 0 when every index is taken
     uint16_t new_device(const std::string &name, Emission &out);
