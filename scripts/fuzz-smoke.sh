@@ -20,6 +20,8 @@ TARGETS=(
   fuzz_idl_idr_envelope
   fuzz_idl_records
   kernel_emu_fuzz
+  ifaddrs_walk_fuzz
+  fuzz_async_dispatch
 )
 SECONDS_PER_TARGET=${FUZZ_SECONDS:-8}
 

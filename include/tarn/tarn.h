@@ -14,5 +14,8 @@
 #include <tarn/patricia.h>
 #include <tarn/itable.h>
 #include <tarn/rtslib_route.h>
+#include <tarn/rtslib_if.h>
+#include <tarn/rtslib_ifstate.h>
+#include <tarn/rtslib_async.h>
 
 #endif /* TARN_TARN_H */

@@ -212,6 +212,9 @@ TEST_F(MessageIo, LongReadRefusesMalformedMessagesAndMovesOn)
          "rtslib: FATAL ERROR msg read too short got (48), expected 64\n"},
         {raw_message(10, 1), EIO, "rtslib: FATAL ERROR msg read too small for header: 10\n"},
         {raw_message(48, 1, 2, 1, 20), EIO, ""},  // claims 20: read is cut to 20, then too small
+        // Neither may stay at the head of the queue for ever.
+        {raw_message(48, 1, 2, 1, 0), EIO, "rtslib: FATAL ERROR msg read too small for header: 0\n"},
+        {{}, EIO, "rtslib: FATAL ERROR msg read too small for header: 0\n"},
         {envelope(RTS_IDL_MAGIC_TLV, 0xfffffff0u, 40), EIO,
          "rtslib: FATAL ERROR msg read too large for rtsock message: 2147483647\n"},
     };

@@ -301,6 +301,11 @@ int rtslib_msg_idl_decode(rtslib_cookie *handle, const void *buf, uint32_t len, 
         rtslib_err(handle, RTSLIB_LOG_ERROR, "Failed to peek message");
         return EOPNOTSUPP;
     }
+    // An unknown magic or a body longer than the bytes given fails in the
+    // decoder before it allocates anything (with the decoder's own result
+    // and report); do not size an arena from such a length first.
+    if ((magic != RTS_IDL_MAGIC_TLV && magic != RTS_IDL_MAGIC_IDR) || total > len)
+        return rtslib_msg_idl_decode_pa(handle, buf, len, out_msg, map_out, nullptr, 0);
     // The size is the 32-bit sum, as on the wire: a body length of -8 asks
     // for 4 bytes and fails in the decoder as garbled, not here.
     uint64_t size = total <= RTS_MSG_MAX ? RTS_MSG_MAX : uint64_t{total} + kArenaStep;

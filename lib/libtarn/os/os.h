@@ -27,8 +27,20 @@ int route_setsockopt(int fd, int optname, const void *optval, uint32_t len);
 // exactly 5 (O_NONBLOCK with the low bit set), kept as the kernel expects.
 int set_nonblocking(int fd);
 
-// sysctlbyname(3).
+// sysctlbyname(3): with oldp NULL *oldlenp gets the value's size; a buffer
+// too small for the value gives ENOMEM.
 int sysctl_by_name(const char *name, void *oldp, size_t *oldlenp, const void *newp, size_t newlen);
+
+// sysctl(3) on {CTL_NET, PF_ROUTE, 0, 0, NET_RT_IFLIST, kind}: the kernel's
+// interface table of that kind, with sysctl's size-query and ENOMEM
+// conventions as above.
+inline constexpr int kIfListAll = 10;  // logical interfaces and their addresses
+int route_iflist(int kind, void *oldp, size_t *oldlenp);
+
+// Chooses the interface a socket of `family` (TARN_AF_INET or TARN_AF_INET6)
+// sends on: the target's IP-level options 107 and 64. The host has no such
+// interfaces; see rtslib_if.h for what it does instead.
+int set_send_interface(int fd, int family, uint32_t index);
 
 // write(2) on a routing socket.
 ssize_t route_write(int fd, const void *buf, size_t len);
@@ -49,6 +61,10 @@ enum class AnswerWait : uint8_t {
 // that never comes then reads as EAGAIN, so a lost answer cannot hang a
 // daemon under test.
 int await_answer(int fd, AnswerWait how);
+
+// An error number the kernel put in a message (the target's numbering) as
+// this system's errno value.
+int kernel_errno(uint32_t wire);
 
 // Closes a routing-socket descriptor.
 int route_socket_close(int fd);

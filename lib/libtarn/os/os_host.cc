@@ -1,6 +1,8 @@
 // Host backend: routing sockets are served by the kernel emulator (see
 // emu_protocol.h for how options travel).
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -189,22 +191,82 @@ int route_setsockopt(int fd, int optname, const void *optval, uint32_t len)
                              const_cast<void *>(optval), &len, 0);
 }
 
+namespace {
+
+// The whole value of a control-path read, handed out with sysctl's
+// conventions: oldp NULL asks for the size, a smaller buffer gets ENOMEM
+// (and, as on the target, the part that fits).
+int sysctl_read(emu::CtlOp op, const char *name, uint32_t name_len, const void *arg,
+                uint32_t arg_len, void *oldp, size_t *oldlenp)
+{
+    if (oldlenp == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    auto *value = static_cast<unsigned char *>(std::malloc(emu::kMaxValueLen));
+    if (value == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
+    uint32_t len = arg_len;
+    if (arg_len > 0) std::memcpy(value, arg, arg_len);
+    int rc = emu::control_call(op, name, name_len, 0, 0, value, &len, emu::kMaxValueLen);
+    if (rc == 0) {
+        if (oldp == nullptr) {
+            *oldlenp = len;
+        } else {
+            const size_t copy = *oldlenp < len ? *oldlenp : len;
+            if (copy > 0) std::memcpy(oldp, value, copy);
+            *oldlenp = copy;
+            if (copy < len) {
+                errno = ENOMEM;
+                rc = -1;
+            }
+        }
+    }
+    const int saved = errno;
+    std::free(value);
+    errno = saved;
+    return rc;
+}
+
+}  // namespace
+
 int sysctl_by_name(const char *name, void *oldp, size_t *oldlenp, const void *newp, size_t newlen)
 {
-    // The emulator keeps written values; nothing the library does reads one
-    // back through this path yet.
-    if (oldp != nullptr || oldlenp != nullptr || name == nullptr) {
-        errno = EOPNOTSUPP;
+    if (name == nullptr) {
+        errno = EINVAL;
         return -1;
     }
     const size_t name_len = std::strlen(name);
-    uint32_t len = static_cast<uint32_t>(newlen);
     if (name_len > emu::kMaxNameLen || newlen > emu::kMaxValueLen) {
         errno = EINVAL;
         return -1;
     }
+    if (oldlenp != nullptr &&
+        sysctl_read(emu::CtlOp::kSysctlGet, name, static_cast<uint32_t>(name_len), nullptr, 0,
+                    oldp, oldlenp) != 0)
+        return -1;
+    if (newp == nullptr) return 0;
+    uint32_t len = static_cast<uint32_t>(newlen);
     return emu::control_call(emu::CtlOp::kSysctlSet, name, static_cast<uint32_t>(name_len), 0, 0,
                              const_cast<void *>(newp), &len, 0);
+}
+
+int route_iflist(int kind, void *oldp, size_t *oldlenp)
+{
+    const int32_t mib[4] = {0, 0, 3 /* NET_RT_IFLIST */, kind};
+    return sysctl_read(emu::CtlOp::kRouteSysctl, "", 0, mib, sizeof mib, oldp, oldlenp);
+}
+
+int set_send_interface(int fd, int family, uint32_t index)
+{
+    // The emulator's interfaces do not exist here; the index is taken as a
+    // host interface index and applied with Linux's equivalent options, so a
+    // daemon under test sends where it asked. Both want network order.
+    const uint32_t be = htonl(index);
+    if (family == TARN_AF_INET) return ::setsockopt(fd, IPPROTO_IP, IP_UNICAST_IF, &be, sizeof be);
+    return ::setsockopt(fd, IPPROTO_IPV6, IPV6_UNICAST_IF, &be, sizeof be);
 }
 
 ssize_t route_write(int fd, const void *buf, size_t len)
@@ -231,6 +293,25 @@ int await_answer(int fd, AnswerWait)
         if (errno != EINTR) return errno;
     }
     return 0;
+}
+
+int kernel_errno(uint32_t wire)
+{
+    // The emulator speaks the target's numbers; those below 35 agree with
+    // Linux, the network ones above do not.
+    struct Pair {
+        uint32_t wire;
+        int host;
+    };
+    static constexpr Pair kDiffering[] = {
+        {35, EAGAIN},          {36, EINPROGRESS},   {37, EALREADY},      {43, EPROTONOSUPPORT},
+        {45, EOPNOTSUPP},      {47, EAFNOSUPPORT},  {48, EADDRINUSE},    {49, EADDRNOTAVAIL},
+        {50, ENETDOWN},        {51, ENETUNREACH},   {55, ENOBUFS},       {60, ETIMEDOUT},
+        {61, ECONNREFUSED},    {62, ELOOP},         {63, ENAMETOOLONG},  {65, EHOSTUNREACH},
+    };
+    for (const Pair &p : kDiffering)
+        if (p.wire == wire) return p.host;
+    return static_cast<int>(wire);
 }
 
 int route_socket_close(int fd)

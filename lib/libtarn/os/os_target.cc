@@ -17,6 +17,8 @@
 // router OS's.
 extern "C" int sysctlbyname(const char *name, void *oldp, size_t *oldlenp, const void *newp,
                             size_t newlen);
+extern "C" int sysctl(const int *name, unsigned int namelen, void *oldp, size_t *oldlenp,
+                      const void *newp, size_t newlen);
 #endif
 
 namespace tarn::os {
@@ -50,6 +52,21 @@ int sysctl_by_name(const char *name, void *oldp, size_t *oldlenp, const void *ne
     return ::sysctlbyname(name, oldp, oldlenp, newp, newlen);
 }
 
+int route_iflist(int kind, void *oldp, size_t *oldlenp)
+{
+    const int mib[6] = {4 /* CTL_NET */, TARN_PF_ROUTE, 0, 0, 3 /* NET_RT_IFLIST */, kind};
+    return ::sysctl(mib, 6, oldp, oldlenp, nullptr, 0);
+}
+
+int set_send_interface(int fd, int family, uint32_t index)
+{
+    // The target's options that pin a socket's sending interface.
+    constexpr int kIpSendIf = 107;
+    constexpr int kIpv6SendIf = 64;
+    if (family == TARN_AF_INET) return ::setsockopt(fd, 0 /* IPPROTO_IP */, kIpSendIf, &index, 4);
+    return ::setsockopt(fd, 41 /* IPPROTO_IPV6 */, kIpv6SendIf, &index, 4);
+}
+
 ssize_t route_write(int fd, const void *buf, size_t len)
 {
     return ::write(fd, buf, len);
@@ -63,6 +80,11 @@ int await_answer(int fd, AnswerWait how)
     FD_SET(fd, &readable);
     if (::select(fd + 1, &readable, nullptr, nullptr, nullptr) <= 0) return errno;
     return 0;
+}
+
+int kernel_errno(uint32_t wire)
+{
+    return static_cast<int>(wire);
 }
 
 int route_socket_close(int fd)

@@ -7,6 +7,8 @@
 #include "libtarn/os/os.h"
 #include "libtarn/rtslib/handle_internal.h"
 #include "libtarn/rtslib/msg_types.h"
+#include <tarn/rtslib_async.h>
+#include <tarn/rtslib_if.h>
 
 namespace {
 
@@ -147,9 +149,11 @@ rtslib_cookie *rtslib_open_nc(void)
 void rtslib_close(rtslib_cookie *h)
 {
     if (h == nullptr) return;
+    rtslib_unnum_ifa_cleanup(h);
     if (h->fd != -1) tarn::os::route_socket_close(h->fd);
     std::free(h->version_info);
     std::free(h->read_buffer);
+    if (h->async != nullptr) rtslib_destroy_async_context(h);
     std::free(h);
 }
 

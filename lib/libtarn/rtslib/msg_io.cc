@@ -149,15 +149,18 @@ int rtslib_long_msg_read(rtslib_cookie *h, void **msg_out, uint32_t *len_out)
     uint8_t hdr[RTS_HDR_MIN_LEN];
     const ssize_t peeked = ::recv(h->fd, hdr, sizeof hdr, MSG_PEEK);
     if (peeked < 0) return errno;
-    if (peeked < static_cast<ssize_t>(sizeof hdr)) {
-        if (peeked == 0) return EAGAIN;
-        // A runt would sit at the head of the queue for ever; drop it.
+    // A runt (an empty datagram too) would sit at the head of the queue for
+    // ever, and so would a message claiming less than a header: reading it
+    // with a buffer of its claimed size moves nothing. Drop them.
+    const uint64_t want = peeked < static_cast<ssize_t>(sizeof hdr)
+                              ? static_cast<uint64_t>(peeked)
+                              : tarn::wire::claimed_length(hdr);
+    if (want < RTS_HDR_MIN_LEN && !(peeked == sizeof hdr && tarn::wire::is_envelope(hdr))) {
         discard_message(h->fd);
         rtslib_err(h, RTSLIB_LOG_FATAL, "msg read too small for header: %d\n",
-                   static_cast<int>(peeked));
+                   static_cast<int>(want));
         return EIO;
     }
-    const uint64_t want = tarn::wire::claimed_length(hdr);
     if (want > kLongMessageMax) {
         discard_message(h->fd);
         rtslib_err(h, RTSLIB_LOG_FATAL, "msg read too large for rtsock message: %d\n",
