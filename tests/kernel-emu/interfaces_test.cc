@@ -58,16 +58,16 @@ protected:
         return rc == 0 ? rec : nullptr;
     }
     template <typename Record>
-    std::vector<Outgoing> send(const Record &req)
+    std::vector<Outgoing> send(const Record &req, const void *tlv_map = nullptr)
     {
-        const auto bytes = encode_envelope(&req, nullptr, Encoding::kIdr);
+        const auto bytes = encode_envelope(&req, tlv_map, tlv_map ? Encoding::kTlv : Encoding::kIdr);
         return kernel_->handle_message(asker_, bytes.data(), bytes.size());
     }
     // The single answer to `req`.
     template <typename Record>
-    const Record *ask(const Record &req)
+    const Record *ask(const Record &req, const void *tlv_map = nullptr)
     {
-        const auto out = send(req);
+        const auto out = send(req, tlv_map);
         EXPECT_EQ(out.size(), 1u);
         if (out.size() != 1 || out[0].socket != asker_) return nullptr;
         return static_cast<const Record *>(decode(out[0].bytes.data(), out[0].bytes.size()));
@@ -176,7 +176,11 @@ TEST_F(Ifaces, LookupsAnswerBySelector)
     freq.name = ge;
     freq.name_len = sizeof ge;
     freq.iffm_unit = 5;
-    const iff_msg_t *f = ask(freq);
+    // Asked in TLV, answered in TLV: the donor record survives the presence map.
+    iff_msg_map_t fmap{};
+    fmap.bits = (1u << (IFF_MSG_BIT_NAME + 1)) - 1;
+    fmap.hdr.bits = (1u << RTS_HDR_BIT_INFO) - 1;
+    const iff_msg_t *f = ask(freq, &fmap);
     ASSERT_NE(f, nullptr);
     EXPECT_EQ(f->iffm_index, 68u);
     EXPECT_EQ(f->iffm_flags & kIffUnnumbered, kIffUnnumbered);

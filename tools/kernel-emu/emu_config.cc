@@ -100,7 +100,7 @@ Options:
                          (default 8)
   --log                  print one line per connection, option and message;
                          SIGUSR1 then prints the routing state (tables,
-                         routes, multicast groups)
+                         routes, multicast groups, interfaces)
   -h, --help             print this text and exit
 
 The version block always carries a version byte for each of types 1..101,

@@ -402,6 +402,19 @@ uint32_t Interfaces::logical_by_name(const std::string &name) const
     return d == 0 ? 0 : logical_by(d, unit);
 }
 
+const Logical *Interfaces::find_logical(uint32_t ifl) const
+{
+    auto it = logicals_.find(ifl);
+    return it == logicals_.end() ? nullptr : &it->second;
+}
+
+const Device *Interfaces::device_of(const Logical *l) const
+{
+    if (l == nullptr) return nullptr;
+    auto it = devices_.find(l->devindex);
+    return it == devices_.end() ? nullptr : &it->second;
+}
+
 const Family *Interfaces::family(uint32_t ifl, uint8_t af) const
 {
     auto it = families_.find({ifl, af});
@@ -420,41 +433,41 @@ void Interfaces::notify_device(uint16_t index, uint8_t op, Emission &out) const
 
 void Interfaces::notify_logical(uint32_t index, uint8_t op, Emission &out) const
 {
-    auto it = logicals_.find(index);
-    const Logical *l = it == logicals_.end() ? nullptr : &it->second;
-    auto d = l != nullptr ? devices_.find(l->devindex) : devices_.end();
-    LogicalRecord r(header(RTS_MSG_IFLOGICAL, op, kIflFixed), index, l,
-                    d == devices_.end() ? nullptr : &d->second);
+    const Logical *l = find_logical(index);
+    LogicalRecord r(header(RTS_MSG_IFLOGICAL, op, kIflFixed), index, l, device_of(l));
     out.notify(&r.m, &r.map);
 }
 
 void Interfaces::notify_family(uint32_t ifl, uint8_t af, const Family &f, uint8_t op,
                                Emission &out) const
 {
-    auto l = logicals_.find(ifl);
-    const Logical *lp = l == logicals_.end() ? nullptr : &l->second;
-    auto d = lp != nullptr ? devices_.find(lp->devindex) : devices_.end();
-    FamilyRecord r(header(RTS_MSG_IFFAMILY, op, kIffFixed), ifl, af, &f, lp,
-                   d == devices_.end() ? nullptr : &d->second);
+    const Logical *l = find_logical(ifl);
+    FamilyRecord r(header(RTS_MSG_IFFAMILY, op, kIffFixed), ifl, af, &f, l, device_of(l));
     out.notify(&r.m, &r.map);
 }
 
 void Interfaces::notify_address(const Address &a, uint8_t op, Emission &out) const
 {
-    auto l = logicals_.find(a.ifl);
-    const Logical *lp = l == logicals_.end() ? nullptr : &l->second;
-    auto d = lp != nullptr ? devices_.find(lp->devindex) : devices_.end();
-    AddressRecord r(header(RTS_MSG_IFADDR, op, kIfaFixed), &a, a.ifl, a.af, lp,
-                    d == devices_.end() ? nullptr : &d->second);
+    const Logical *l = find_logical(a.ifl);
+    AddressRecord r(header(RTS_MSG_IFADDR, op, kIfaFixed), &a, a.ifl, a.af, l, device_of(l));
     out.notify(&r.m, &r.map);
 }
 
 // --- changes ---------------------------------------------------------------
 
-uint16_t Interfaces::new_device(const std::string &name, Emission &out)
+uint16_t Interfaces::free_device_index() const
 {
+    // Device indexes are 16-bit and 0 means none.
+    if (devices_.size() >= 0xffff) return 0;
     uint16_t index = 1;
     while (devices_.count(index) != 0) ++index;
+    return index;
+}
+
+uint16_t Interfaces::new_device(const std::string &name, Emission &out)
+{
+    const uint16_t index = free_device_index();
+    if (index == 0) return 0;
     devices_[index].name = name;
     notify_device(index, RTS_OP_ADD, out);
     return index;
@@ -545,7 +558,7 @@ int Interfaces::apply(const IfChange &c, Emission &out)
 {
     if (c.kind == IfChange::kDevice) {
         const uint16_t d = device_by_name(c.name);
-        if (!c.remove) return d != 0 ? EEXIST : (new_device(c.name, out), 0);
+        if (!c.remove) return d != 0 ? EEXIST : new_device(c.name, out) != 0 ? 0 : ENOSPC;
         if (d == 0) return ENOENT;
         std::vector<uint32_t> ifls;
         for (const auto &[i, l] : logicals_)
@@ -619,9 +632,8 @@ void Interfaces::device_request(const ifdev_msg_t &req, Emission &out)
     case RTS_OP_ADD: {
         if (!valid_device_name(name) || device_by_name(name) != 0) return;
         if (req.ifdm_index != 0 && devices_.count(req.ifdm_index) != 0) return;
-        uint16_t at = req.ifdm_index;
-        if (at == 0)
-            while (devices_.count(++at) != 0) {}
+        const uint16_t at = req.ifdm_index != 0 ? req.ifdm_index : free_device_index();
+        if (at == 0) return;
         Device &d = devices_[at];
         d.name = name;
         d.flags = req.ifdm_flags;
@@ -680,13 +692,8 @@ void Interfaces::logical_request(const ifl_msg_t &req, Emission &out)
     case RTS_OP_GETNEXT: {
         if (op == RTS_OP_GETNEXT) it = logicals_.upper_bound(req.iflm_index);
         const bool found = it != logicals_.end();
-        const Device *d = nullptr;
-        if (found) {
-            auto di = devices_.find(it->second.devindex);
-            d = di == devices_.end() ? nullptr : &di->second;
-        }
-        LogicalRecord r(req.hdr, found ? it->first : req.iflm_index,
-                        found ? &it->second : nullptr, d);
+        const Logical *l = found ? &it->second : nullptr;
+        LogicalRecord r(req.hdr, found ? it->first : req.iflm_index, l, device_of(l));
         r.m.hdr.error = found ? 0 : kErrNoEntry;
         out.answer(&r.m, &r.map);
         return;
@@ -738,15 +745,10 @@ void Interfaces::family_request(const iff_msg_t &req, Emission &out)
     case RTS_OP_GETNEXT: {
         if (op == RTS_OP_GETNEXT) it = families_.upper_bound({ifl, req.iffm_af});
         const bool found = it != families_.end();
-        const Logical *l = nullptr;
-        const Device *d = nullptr;
-        if (found) {
-            l = &logicals_.at(it->first.first);
-            auto di = devices_.find(l->devindex);
-            d = di == devices_.end() ? nullptr : &di->second;
-        }
+        const Logical *l = found ? find_logical(it->first.first) : nullptr;
         FamilyRecord r(req.hdr, found ? it->first.first : ifl,
-                       found ? it->first.second : req.iffm_af, found ? &it->second : nullptr, l, d);
+                       found ? it->first.second : req.iffm_af, found ? &it->second : nullptr, l,
+                       device_of(l));
         r.m.hdr.error = found ? 0 : kErrNoEntry;
         out.answer(&r.m, &r.map);
         return;
@@ -797,33 +799,29 @@ void Interfaces::address_request(const ifa_msg_t &req, Emission &out)
             });
         }
         const bool found = it != addresses_.end();
-        const Logical *l = nullptr;
-        const Device *d = nullptr;
-        if (found) {
-            l = &logicals_.at(it->ifl);
-            auto di = devices_.find(l->devindex);
-            d = di == devices_.end() ? nullptr : &di->second;
-        }
-        AddressRecord r(req.hdr, found ? &*it : nullptr, ifl, req.ifam_af, l, d);
+        const Logical *l = found ? find_logical(it->ifl) : nullptr;
+        AddressRecord r(req.hdr, found ? &*it : nullptr, ifl, req.ifam_af, l, device_of(l));
         r.m.hdr.error = found ? 0 : kErrNoEntry;
         out.answer(&r.m, &r.map);
         return;
     }
     case RTS_OP_ADD: {
+        if ((req.ifam_af != TARN_AF_INET && req.ifam_af != TARN_AF_INET6) || req.ifam_local == nullptr)
+            return;
         Address a;
         a.ifl = ifl;
         a.af = req.ifam_af;
         a.flags = req.ifam_flags;
-        if (req.ifam_local != nullptr) a.local.assign(req.ifam_local, req.ifam_local + req.ifam_local_len);
-        const size_t full = a.af == TARN_AF_INET ? 4 : 16;
-        if (a.local.size() < full) a.local.resize(full, 0);  // the request carries whole words
-        a.local.resize(full);
+        // The request carries the bytes its bit length covers, padded to
+        // words; the kernel keeps the whole address.
+        a.local.assign(req.ifam_local, req.ifam_local + req.ifam_local_len);
+        a.local.resize(a.af == TARN_AF_INET ? 4 : 16, 0);
         a.local_plen = req.ifam_local_plen;
         if (req.ifam_dest != nullptr && req.ifam_dest_len != 0) {
             a.dest.assign(req.ifam_dest, req.ifam_dest + req.ifam_dest_len);
+            a.dest.resize(a.local.size(), 0);
             a.dest_plen = req.ifam_dest_plen;
         }
-        if (a.af != TARN_AF_INET && a.af != TARN_AF_INET6) return;
         add_address(std::move(a), out);
         return;
     }
@@ -966,8 +964,7 @@ bool Interfaces::iflist(int kind, std::vector<uint8_t> &out) const
     case 2:
     case 10:
         for (const auto &[i, l] : logicals_) {
-            auto di = devices_.find(l.devindex);
-            const Device *d = di == devices_.end() ? nullptr : &di->second;
+            const Device *d = device_of(&l);
             LogicalRecord r(header(RTS_MSG_IFLOGICAL, RTS_OP_GET, kIflFixed), i, &l, d);
             append(&r.m, &r.map);
             if (kind != 10) continue;

@@ -109,7 +109,7 @@ public:
     // its device) or "em0.0" with `af` (also the family). 0 or ENOENT.
     int add_traffic(const std::string &name, uint8_t af, const Counters &c);
 
-    // A control-path change: 0 or EEXIST, ENOENT, EINVAL; listeners hear of
+    // A control-path change: 0 or EEXIST, ENOENT, EINVAL, ENOSPC; listeners hear of
     // it through `out`.
     int apply(const IfChange &c, Emission &out);
 
@@ -134,7 +134,10 @@ private:
     std::vector<Address> addresses_;  // grouped by logical interface
 
     uint16_t device_by_name(const std::string &name) const;
+    const Logical *find_logical(uint32_t ifl) const;
+    const Device *device_of(const Logical *l) const;
     uint32_t logical_by(uint16_t devindex, uint32_t unit) const;
+    uint16_t free_device_index() const;  // 0 when every index is taken
     uint16_t new_device(const std::string &name, Emission &out);
     uint32_t new_logical(uint16_t devindex, uint32_t unit, Emission &out);
     Family &ensure_family(uint32_t ifl, uint8_t af, Emission &out);

@@ -264,8 +264,16 @@ std::vector<Outgoing> Kernel::handle_message(uint64_t id, const uint8_t *msg, si
             return {};
         }
         const auto &hdr = *static_cast<const rts_hdr_t *>(record);
+        // The member was decoded by the envelope's type; a header claiming
+        // another one would have the record handled as the wrong kind.
+        if (message_type(msg, len) != hdr.type) {
+            log_.line("socket %llu: envelope of type %lld holds a header of type %u, dropped", lid,
+                      static_cast<long long>(message_type(msg, len)), hdr.type);
+            return {};
+        }
         log_.line("socket %llu: %s message type %u (%s) op %u, %zu bytes, seq %u", lid,
-                  tlv ? "TLV" : "IDR", hdr.type, rtm_types[hdr.type], hdr.op, len, hdr.seq);
+                  tlv ? "TLV" : "IDR", hdr.type,
+                  hdr.type < RTS_MSG_TYPE_COUNT ? rtm_types[hdr.type] : "?", hdr.op, len, hdr.seq);
         Emission out(sockets_, log_, id, tlv ? Encoding::kTlv : Encoding::kIdr);
         dispatch(record, out);
         return out.take();

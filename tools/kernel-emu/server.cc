@@ -314,7 +314,7 @@ void Server::log_state()
 {
     log_.line("state: %zu routing sockets, %zu routes", conns_.size(),
               kernel_.routing().route_count());
-    const std::string dump = kernel_.routing().dump();
+    const std::string dump = kernel_.routing().dump() + kernel_.interfaces().dump();
     size_t start = 0;
     for (size_t nl; (nl = dump.find('\n', start)) != std::string::npos; start = nl + 1)
         log_.line("state: %s", dump.substr(start, nl - start).c_str());
