@@ -3,10 +3,18 @@
  * handle, let the library negotiate message versions, show what the kernel
  * reported, take sequence numbers, set the sender and logical-router ids,
  * change routes and tables, watch the changes arrive as notifications on a
- * second handle in an eventlib loop, close. Run it against tarn-kernel-emu (TARN_KERNEL_SOCKET names its socket).
+ * second handle in an eventlib loop, list the interfaces and their
+ * addresses, look names and indexes up, add an address and hear about it,
+ * close. Run it against tarn-kernel-emu (TARN_KERNEL_SOCKET names its
+ * socket).
  */
+#define _POSIX_C_SOURCE 200809L
 #include <ctype.h>
 #include <errno.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -220,6 +228,88 @@ static void demo_notifications(rtslib_cookie *h, struct report_log *log)
     evDestroy(ev);
 }
 
+/* The kernel announces interface addresses as decoded ifa_msg records. */
+static int on_address(rtslib_cookie *h, void *arg, void *msg, void *reserved)
+{
+    struct watch *w = arg;
+    ifa_msg_t *a = msg;
+    (void)reserved;
+    w->notifications++;
+    printf("    address %-6s %.*s.%u %s\n", op_text(a->hdr.op), (int)a->name_len,
+           a->name != NULL ? (const char *)a->name : "", a->ifam_unit,
+           prefix_text(a->ifam_af, a->ifam_local, a->ifam_local_len, a->ifam_local_plen));
+    rtslib_msg_idl_release(h, msg);
+    return 0;
+}
+
+/* An address of the router OS's socket-address layout: length byte, family
+ * byte, port, then the IPv4 address. */
+static const char *inet_text(const struct sockaddr *sa, char *buf, size_t len)
+{
+    const uint8_t *b = (const uint8_t *)sa;
+    if (sa == NULL) return "-";
+    snprintf(buf, len, "%u.%u.%u.%u", b[4], b[5], b[6], b[7]);
+    return buf;
+}
+
+/* The interfaces the kernel has: the address list, lookups both ways, and an
+ * address added with the router OS's ioctl, which a listener hears about. */
+static void demo_interfaces(struct report_log *log)
+{
+    struct ifaddrs *list = NULL, *ifa;
+    struct watch w = {NULL, 0};
+    unsigned index;
+    char name[IF_NAMESIZE > 64 ? IF_NAMESIZE : 64];
+    char a[16], m[16];
+    uint8_t req[108];
+    evContext ev;
+    int rc, fd;
+
+    printf("Interfaces:\n");
+    if (wrl_getifaddrs(&list) != 0) {
+        printf("  address list failed: %s\n\n", strerror(errno));
+        return;
+    }
+    for (ifa = list; ifa != NULL; ifa = ifa->ifa_next)
+        printf("  %-14s %-15s netmask %-15s flags 0x%x\n", ifa->ifa_name,
+               inet_text(ifa->ifa_addr, a, sizeof a), inet_text(ifa->ifa_netmask, m, sizeof m),
+               ifa->ifa_flags);
+    wrl_freeifaddrs(list);
+
+    index = if_nametoindex("em0");
+    printf("  if_nametoindex(\"em0\"):  %u\n", index);
+    printf("  if_indextoname(%u):     %s\n", index,
+           if_indextoname(index, name) != NULL ? name : strerror(errno));
+
+    w.h = rtslib_open_set_liberr(44, log, demo_sink);
+    if (w.h == NULL || evCreate(&ev) != 0) {
+        printf("  cannot set up the listener: %s\n\n", strerror(errno));
+        rtslib_close(w.h);
+        return;
+    }
+    rc = rtslib_set_async_context(w.h, ev);
+    if (rc == 0) rc = rtslib_ifam_async_register(w.h, 1, &w, on_address);
+    printf("  a second handle listens for addresses:  %s\n", ok_or(rc));
+
+    /* The add request: the name, the family byte at 61, the address at 64. */
+    memset(req, 0, sizeof req);
+    snprintf((char *)req, 60, "%s", "em0.0");
+    req[61] = TARN_AF_INET;
+    req[64] = 192, req[65] = 0, req[66] = 2, req[67] = 77;
+    fd = socket(AF_INET, SOCK_DGRAM, 0);
+    rc = wrl_ioctl(fd, WRL_SIOCAIFADDR, req) == 0 ? 0 : errno;
+    printf("  wrl_ioctl adds 192.0.2.77 to em0.0:      %s\n", ok_or(rc));
+    if (fd >= 0) close(fd);
+
+    printf("  event loop for a moment; the listener sees:\n");
+    evSetTimer(ev, stop_loop, NULL, evAddTime(evNowTime(), evConsTime(0, 300000000)),
+               evConsTime(0, 0), NULL);
+    rtslib_async_event_loop(w.h);
+    printf("  %d notification%s\n\n", w.notifications, w.notifications == 1 ? "" : "s");
+    rtslib_close(w.h);
+    evDestroy(ev);
+}
+
 int main(void)
 {
     struct report_log log = {0, 0};
@@ -266,6 +356,7 @@ int main(void)
 
     demo_routes(h);
     demo_notifications(h, &log);
+    demo_interfaces(&log);
 
     rtslib_close(h);
     printf("Handle closed.\n");
