@@ -18,6 +18,7 @@
 
 #include "emu_client.h"
 #include "kernel_emulator.h"
+#include "request_layout.h"
 #include "report_collector.h"
 #include "libtarn/os/os.h"
 #include "libtarn/rtslib/objects/ifaddrs_walk.h"
@@ -30,39 +31,14 @@ using tarn::test::KernelEmulator;
 // The emulator's default set: logical interfaces from index 64.
 constexpr uint32_t kLo0 = 64, kEm0 = 65, kEm1 = 66, kGe0 = 67, kGe5 = 68;
 
-class RequestLayout : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        h_ = rtslib_open_nc();
-        ASSERT_NE(h_, nullptr);
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair_), 0);
-        h_->fd = pair_[0];
-    }
-    void TearDown() override
-    {
-        ::close(pair_[1]);
-        rtslib_close(h_);
-    }
-    ifl_msg_t *written()
-    {
-        std::vector<uint8_t> buf(RTS_MSG_MAX);
-        const ssize_t n = ::recv(pair_[1], buf.data(), buf.size(), MSG_DONTWAIT);
-        if (n <= 0) return nullptr;
-        void *rec = nullptr;
-        EXPECT_EQ(rtslib_msg_idl_decode(h_, buf.data(), static_cast<uint32_t>(n), &rec, nullptr), 0);
-        return static_cast<ifl_msg_t *>(rec);
-    }
-    rtslib_cookie *h_ = nullptr;
-    int pair_[2] = {-1, -1};
-};
+using tarn::test::RequestLayout;
 
 TEST_F(RequestLayout, NamesAreCutToFiftyNineCharactersAndANul)
 {
     for (size_t len : {1u, 58u, 59u, 60u, 61u, 80u}) {
         const std::string name(len, 'x');
         ASSERT_EQ(rtslib_iflm_update(h_, 9, 2, 3, 4, name.c_str(), nullptr, RTS_OP_CHANGE), 0);
-        ifl_msg_t *sent = written();
+        ifl_msg_t *sent = written<ifl_msg_t>();
         ASSERT_NE(sent, nullptr);
         const size_t kept = len < 59 ? len : 59;
         EXPECT_EQ(sent->name_len, kept + 1) << len;
@@ -78,9 +54,9 @@ TEST_F(RequestLayout, NamesAreCutToFiftyNineCharactersAndANul)
 TEST_F(RequestLayout, FlagUpdatesAreChangesOnly)
 {
     EXPECT_EQ(rtslib_iflm_update_flags(h_, 9, 0, 0, 0, nullptr, 0x40, RTS_OP_DELETE), EOPNOTSUPP);
-    EXPECT_EQ(written(), nullptr);
+    EXPECT_EQ(written<ifl_msg_t>(), nullptr);
     ASSERT_EQ(rtslib_iflm_update_flags(h_, 9, 0, 0, 0, nullptr, 0x40, RTS_OP_CHANGE), 0);
-    ifl_msg_t *sent = written();
+    ifl_msg_t *sent = written<ifl_msg_t>();
     ASSERT_NE(sent, nullptr);
     EXPECT_EQ(sent->iflm_flags, 0x40u);
     EXPECT_EQ(sent->hdr.op, RTS_OP_CHANGE);
@@ -478,11 +454,11 @@ TEST_F(RequestLayout, AddressPointChangeCarriesOnlyAVrrpState)
     std::memcpy(tlv, &tag_226, 2);
     std::memcpy(tlv + 4, &state, 2);
     EXPECT_EQ(rtslib_ifa_pointchange(h_, 7, TARN_AF_INET, local, 32, tlv, sizeof tlv), EINVAL);
-    EXPECT_EQ(written(), nullptr);
+    EXPECT_EQ(written<ifl_msg_t>(), nullptr);
     std::memcpy(tlv, &tag_227, 2);
     EXPECT_EQ(rtslib_ifa_pointchange(h_, 7, TARN_AF_INET, local, 0, tlv, sizeof tlv), EINVAL);
     ASSERT_EQ(rtslib_ifa_pointchange(h_, 7, TARN_AF_INET, local, 32, tlv, sizeof tlv), 0);
-    auto *sent = reinterpret_cast<ifa_msg_t *>(written());
+    auto *sent = reinterpret_cast<ifa_msg_t *>(written<ifl_msg_t>());
     ASSERT_NE(sent, nullptr);
     EXPECT_EQ(sent->hdr.op, RTS_OP_CHANGE);
     EXPECT_EQ(sent->ifam_flags, RTSLIB_IFA_POINT_CHANGE);
@@ -758,7 +734,7 @@ TEST_F(RequestLayout, InformationTlvsBecomeOneRecordEach)
     ASSERT_EQ(rtslib_iflm_pointchange_tlv(h_, 70, 0, 0, 0, nullptr, tlvs.data(),
                                           static_cast<uint32_t>(tlvs.size())),
               0);
-    ifl_msg_t *sent = written();
+    ifl_msg_t *sent = written<ifl_msg_t>();
     ASSERT_NE(sent, nullptr);
     EXPECT_EQ(sent->iflm_changed, RTSLIB_IFL_POINT_CHANGE);
     ASSERT_EQ(sent->hdr.info_count, 2u);
@@ -773,7 +749,7 @@ TEST_F(RequestLayout, InformationTlvsBecomeOneRecordEach)
     // A value running past the bytes given; a device without a name.
     EXPECT_EQ(rtslib_iflm_pointchange_tlv(h_, 70, 0, 0, 0, nullptr, tlvs.data(), 15), EINVAL);
     EXPECT_EQ(rtslib_ifdm_add(h_, nullptr, 3, 0, nullptr, nullptr, nullptr), EINVAL);
-    EXPECT_EQ(written(), nullptr);
+    EXPECT_EQ(written<ifl_msg_t>(), nullptr);
 }
 
 TEST_F(Interfaces, DeviceChangesStartFromTheCurrentFlags)
