@@ -135,8 +135,9 @@ typedef int (*rtslib_gencfg_read_fn)(void *io_ctx, void **msg_out, uint32_t *len
  * A decompressed reply has RTSLIB_GENCFG_F_COMPRESSED cleared. A compressed blob
  * (op 1, 2) is sent in place of the caller's, which is restored afterwards.
  * Returns 0, EINVAL (flagged but missing dependencies or key), EOPNOTSUPP (no
- * hooks), ENOMEM, ENOSPC (blob of 512000 bytes or more), a hook's own code, or
- * the write or read result. */
+ * hooks), ENOMEM, ENOSPC (blob of 512000 bytes or more), a hook's own code,
+ * the write or read result, or the kernel's refusal carried in the answer
+ * (ENOENT for a read of an absent object, say). */
 TARN_API int rtslib_gencfg_op_export(rtslib_cookie *handle, gencfg_msg_t *gencfg, uint8_t op,
                                      gencfg_msg_t **reply_out, void *reply_arg, uint32_t *seq,
                                      void *io_ctx, rtslib_gencfg_alloc_fn alloc,

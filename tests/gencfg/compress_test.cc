@@ -1,11 +1,15 @@
-// The zlib and zstd blob hooks, alone and behind the library's inflation of
-// received records.
+// The zlib and zstd blob hooks, alone, behind the library's inflation of
+// received records, and end to end through the kernel emulator.
+#include <poll.h>
+
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "kernel_emulator.h"
+#include "report_collector.h"
 #include <tarn/compress.h>
 #include <tarn/tarn.h>
 
@@ -97,6 +101,108 @@ TEST(GencfgCompress, ReceivedBlobsInflateUpToTheLimit)
         }
     }
     rtslib_close(h);
+}
+
+struct Seen {
+    std::vector<uint8_t> blob;
+    uint32_t flags = 0;
+    uint32_t deps = 0, peers = 0;
+    int calls = 0;
+};
+
+int remember(rtslib_cookie *h, void *arg, void *msg, void *)
+{
+    auto *seen = static_cast<Seen *>(arg);
+    const auto *g = static_cast<const gencfg_msg_t *>(msg);
+    seen->blob.assign(g->blob, g->blob + g->blob_len);
+    seen->flags = g->flags;
+    seen->deps = g->deps_count;
+    seen->peers = g->peers_count;
+    ++seen->calls;
+    rtslib_msg_idl_release(h, msg);
+    return 0;
+}
+
+// One daemon exports a compressed object with dependencies and a peer mask;
+// a listening one gets it inflated, and a read gives it back whole.
+TEST(GencfgThroughTheKernel, CompressedObjectsArriveInflated)
+{
+    tarn::test::KernelEmulator emu;
+    ASSERT_TRUE(emu.running());
+    tarn::test::ReportCollector reports;
+    rtslib_cookie *sender = rtslib_open_set_liberr(1, &reports, tarn::test::ReportCollector::sink);
+    rtslib_cookie *listener = rtslib_open_set_liberr(2, &reports, tarn::test::ReportCollector::sink);
+    ASSERT_NE(sender, nullptr);
+    ASSERT_NE(listener, nullptr);
+    Seen seen;
+    ASSERT_EQ(rtslib_create_async_context(listener), 0);
+    ASSERT_EQ(rtslib_gencfg_async_register(listener, &seen, remember), 0);
+
+    std::vector<uint8_t> blob(400000);
+    for (size_t i = 0; i < blob.size(); ++i) blob[i] = static_cast<uint8_t>(i / 1000);
+    uint8_t key[4] = {'c', 'f', 'g', '1'};
+    const uint8_t dep[6] = {1, 2, 3, 4, 5, 6};
+    gencfg_msg_t g{};
+    g.major_type = 15;
+    g.minor_type = 3;
+    g.flags = RTSLIB_GENCFG_F_COMPRESSED | RTSLIB_GENCFG_F_KEY;
+    g.key = key;
+    g.key_len = sizeof key;
+    g.blob = blob.data();
+    g.blob_len = static_cast<uint32_t>(blob.size());
+    ASSERT_EQ(rtslib_gencfg_create_depend(&g), 0);
+    ASSERT_EQ(rtslib_gencfg_add_depinfo(&g, 2, 10, 11, sizeof dep, dep, 1), 0);
+    ASSERT_EQ(rtslib_gencfg_create_peerinfo(&g, 2), 0);
+    for (uint16_t peer : {3, 7}) {
+        rtslib_gencfg_peer p{16, 0, peer};
+        ASSERT_EQ(rtslib_gencfg_add_peerinfo(&g, &p), 0);
+    }
+
+    for (const Codec &c : kCodecs) {
+        SCOPED_TRACE(c.name);
+        rtslib_init_blob_compression(sender, c.compress, c.decompress);
+        rtslib_init_blob_compression(listener, c.compress, c.decompress);
+        seen = Seen{};
+        ASSERT_EQ(c.compress == tarn_zlib_compress ? rtslib_gencfg_add(sender, &g)
+                                                   : rtslib_gencfg_change(sender, &g),
+                  0);
+        EXPECT_EQ(g.blob, blob.data());
+        pollfd p{listener->fd, POLLIN, 0};
+        ASSERT_EQ(::poll(&p, 1, 5000), 1);
+        ASSERT_EQ(rtslib_async_event_process(listener), 0);
+        ASSERT_EQ(seen.calls, 1);
+        EXPECT_EQ(seen.blob, blob);
+        EXPECT_EQ(seen.flags & RTSLIB_GENCFG_F_COMPRESSED, 0u);
+        EXPECT_EQ(seen.deps, 1u);
+        EXPECT_EQ(seen.peers, 1u);
+
+        gencfg_msg_t ask{};
+        ask.major_type = 15;
+        ask.minor_type = 3;
+        ask.flags = RTSLIB_GENCFG_F_KEY;
+        ask.key = key;
+        ask.key_len = sizeof key;
+        gencfg_msg_t *reply = nullptr;
+        ASSERT_EQ(rtslib_gencfg_get(listener, &ask, RTSLIB_GENCFG_OP_GET, &reply, nullptr), 0);
+        ASSERT_NE(reply, nullptr);
+        ASSERT_EQ(ask.blob_len, blob.size());
+        EXPECT_EQ(std::memcmp(ask.blob, blob.data(), blob.size()), 0);
+        ASSERT_EQ(ask.deps_count, 1u);
+        EXPECT_EQ(std::memcmp(ask.deps[0]->data, dep, sizeof dep), 0);
+        EXPECT_EQ(rtslib_gencfg_is_peer_present_in_peerinfo(reply, 16, 7), 1);
+        EXPECT_EQ(rtslib_gencfg_is_peer_present_in_peerinfo(reply, 16, 8), 0);
+        ASSERT_EQ(ask.peers_count, 1u);
+        EXPECT_EQ(ask.peers[0]->peer.word1, 1u << 5);
+        rtslib_msg_idl_release(listener, reply);
+    }
+    gencfg_msg_t absent{};
+    gencfg_msg_t *reply = nullptr;
+    EXPECT_EQ(rtslib_gencfg_get(sender, &absent, RTSLIB_GENCFG_OP_GET, &reply, nullptr), ENOENT);
+    EXPECT_EQ(reply, nullptr);
+    rtslib_gencfg_delete_depend(&g);
+    rtslib_gencfg_delete_peerinfo(&g);
+    rtslib_close(listener);
+    rtslib_close(sender);
 }
 
 }  // namespace

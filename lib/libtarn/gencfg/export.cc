@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "libtarn/gencfg/gencfg_internal.h"
+#include "libtarn/os/os.h"
 #include "libtarn/rtslib/msg_io_internal.h"
 #include "libtarn/rtslib/objects/request.h"
 #include <tarn/idl.h>
@@ -363,6 +364,13 @@ int export_object(const Io &io, gencfg_msg_t *g, uint8_t op, gencfg_msg_t **repl
     int rc = exchange(io, req, expects_reply(op) ? &reply : nullptr);
     io.put(req);
     if (rc != 0 || reply == nullptr) return rc;
+    // A refusal comes back as an answer carrying the kernel's error and
+    // nothing of the object.
+    if (reply->hdr.error != 0) {
+        rc = tarn::os::kernel_errno(reply->hdr.error);
+        rtslib_msg_idl_release(h, reply);
+        return rc;
+    }
     if ((reply->flags & RTSLIB_GENCFG_F_COMPRESSED) && reply->blob_len > 0) {
         const int drc = decompress_record(h, &reply);
         if (drc != 0 && op != RTSLIB_GENCFG_OP_GETNEXT) {

@@ -163,6 +163,12 @@ int route_socket_open()
     // The timeouts guarded connect(); the socket itself behaves like the
     // target's, whose reads and writes never time out.
     set_timeouts(fd, 0);
+    // A SEQPACKET message must fit the sender's buffer whole; the default is
+    // smaller than a configuration object with the largest blob. Best
+    // effort: where the host caps it, such messages fail to send.
+    const int room = 1 << 20;
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
     return fd;
 }
 
