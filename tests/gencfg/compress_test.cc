@@ -195,6 +195,24 @@ TEST(GencfgThroughTheKernel, CompressedObjectsArriveInflated)
         EXPECT_EQ(ask.peers[0]->peer.word1, 1u << 5);
         rtslib_msg_idl_release(listener, reply);
     }
+    // The largest blob travels whole, uncompressed, both ways.
+    std::vector<uint8_t> largest(RTSLIB_GENCFG_BLOB_MAX - 1, 0xc3);
+    g.flags &= ~RTSLIB_GENCFG_F_COMPRESSED;
+    g.blob = largest.data();
+    g.blob_len = static_cast<uint32_t>(largest.size());
+    ASSERT_EQ(rtslib_gencfg_change(sender, &g), 0);
+    gencfg_msg_t ask{};
+    ask.major_type = 15;
+    ask.minor_type = 3;
+    ask.flags = RTSLIB_GENCFG_F_KEY;
+    ask.key = key;
+    ask.key_len = sizeof key;
+    gencfg_msg_t *big = nullptr;
+    ASSERT_EQ(rtslib_gencfg_get(sender, &ask, RTSLIB_GENCFG_OP_GET, &big, nullptr), 0);
+    ASSERT_EQ(ask.blob_len, largest.size());
+    EXPECT_EQ(ask.blob[largest.size() - 1], 0xc3);
+    rtslib_msg_idl_release(sender, big);
+
     gencfg_msg_t absent{};
     gencfg_msg_t *reply = nullptr;
     EXPECT_EQ(rtslib_gencfg_get(sender, &absent, RTSLIB_GENCFG_OP_GET, &reply, nullptr), ENOENT);

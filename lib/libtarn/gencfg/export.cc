@@ -325,8 +325,13 @@ int exchange_custom(const Io &io, gencfg_msg_t *req, gencfg_msg_t **reply)
     return 0;
 }
 
+// Everything but the blob and key fits in this: at most 64 peers and 40
+// dependencies with their 3134 data bytes, and the headers.
+constexpr uint32_t kRequestSlack = 64u * 1024;
+
 int exchange(const Io &io, gencfg_msg_t *req, gencfg_msg_t **reply)
 {
+    tarn::os::make_room_for_message(io.h->fd, req->blob_len + req->key_len + kRequestSlack);
     if (io.seq != nullptr) req->hdr.seq = ++*io.seq;
     if (io.custom()) {
         if (io.seq == nullptr) req->hdr.seq = ++io.h->seq;
