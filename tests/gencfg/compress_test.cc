@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "gencfg_support.h"
 #include "kernel_emulator.h"
 #include "report_collector.h"
 #include <tarn/compress.h>
@@ -76,18 +77,9 @@ TEST(GencfgCompress, ReceivedBlobsInflateUpToTheLimit)
         rtslib_init_blob_compression(h, c.compress, c.decompress);
         for (uint32_t size : {RTSLIB_GENCFG_BLOB_INFLATED_MAX, RTSLIB_GENCFG_BLOB_INFLATED_MAX + 1}) {
             const std::vector<uint8_t> z = packed(c, std::vector<uint8_t>(size, 0x5a));
-            gencfg_msg_t rec{};
-            rec.hdr.type = RTS_MSG_GENCFG;
-            rec.flags = RTSLIB_GENCFG_F_COMPRESSED;
-            rec.blob = const_cast<uint8_t *>(z.data());
-            rec.blob_len = static_cast<uint32_t>(z.size());
-            void *buf = nullptr;
-            uint32_t len = 0;
-            ASSERT_EQ(rtslib_msg_idl_encode(h, &rec, nullptr, &buf, &len), 0);
-            void *out = nullptr;
-            ASSERT_EQ(rtslib_msg_idl_decode(h, buf, len, &out, nullptr), 0);
-            rtslib_msg_free(h, buf);
-            auto *msg = static_cast<gencfg_msg_t *>(out);
+            gencfg_msg_t *msg = tarn::test::received_gencfg(h, RTSLIB_GENCFG_F_COMPRESSED, z.data(),
+                                                            static_cast<uint32_t>(z.size()));
+            ASSERT_NE(msg, nullptr);
             const int rc = rtslib_gencfg_async(h, &msg);
             if (size == RTSLIB_GENCFG_BLOB_INFLATED_MAX) {
                 ASSERT_EQ(rc, 0);
@@ -176,12 +168,7 @@ TEST(GencfgThroughTheKernel, CompressedObjectsArriveInflated)
         EXPECT_EQ(seen.deps, 1u);
         EXPECT_EQ(seen.peers, 1u);
 
-        gencfg_msg_t ask{};
-        ask.major_type = 15;
-        ask.minor_type = 3;
-        ask.flags = RTSLIB_GENCFG_F_KEY;
-        ask.key = key;
-        ask.key_len = sizeof key;
+        gencfg_msg_t ask = tarn::test::keyed_query(15, 3, key, sizeof key);
         gencfg_msg_t *reply = nullptr;
         ASSERT_EQ(rtslib_gencfg_get(listener, &ask, RTSLIB_GENCFG_OP_GET, &reply, nullptr), 0);
         ASSERT_NE(reply, nullptr);
@@ -201,12 +188,7 @@ TEST(GencfgThroughTheKernel, CompressedObjectsArriveInflated)
     g.blob = largest.data();
     g.blob_len = static_cast<uint32_t>(largest.size());
     ASSERT_EQ(rtslib_gencfg_change(sender, &g), 0);
-    gencfg_msg_t ask{};
-    ask.major_type = 15;
-    ask.minor_type = 3;
-    ask.flags = RTSLIB_GENCFG_F_KEY;
-    ask.key = key;
-    ask.key_len = sizeof key;
+    gencfg_msg_t ask = tarn::test::keyed_query(15, 3, key, sizeof key);
     gencfg_msg_t *big = nullptr;
     ASSERT_EQ(rtslib_gencfg_get(sender, &ask, RTSLIB_GENCFG_OP_GET, &big, nullptr), 0);
     ASSERT_EQ(ask.blob_len, largest.size());

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "gencfg_support.h"
 #include "report_collector.h"
 #include <tarn/tarn.h>
 
@@ -535,18 +536,7 @@ TEST_F(GencfgRequest, AsyncIntakeInflatesOnlyFlaggedRecords)
 {
     std::vector<uint8_t> packed = {1, 2, 3};
     auto received = [&](uint32_t flags) {
-        gencfg_msg_t rec{};
-        rec.hdr.type = RTS_MSG_GENCFG;
-        rec.flags = flags;
-        rec.blob = packed.data();
-        rec.blob_len = 3;
-        void *buf = nullptr;
-        uint32_t len = 0;
-        EXPECT_EQ(rtslib_msg_idl_encode(h_, &rec, nullptr, &buf, &len), 0);
-        void *out = nullptr;
-        EXPECT_EQ(rtslib_msg_idl_decode(h_, buf, len, &out, nullptr), 0);
-        rtslib_msg_free(h_, buf);
-        return static_cast<gencfg_msg_t *>(out);
+        return tarn::test::received_gencfg(h_, flags, packed.data(), 3);
     };
     gencfg_msg_t *m = received(0);
     gencfg_msg_t *const plain = m;
