@@ -74,6 +74,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         } else if (rc != 0) {
             FUZZ_CHECK(msg->blob_len == 0);
         }
+        // The peer lookups a handler would make stay inside what arrived.
+        FUZZ_CHECK(msg->peer_capacity <= msg->peers_count);
+        rtslib_gencfg_is_peer_present_in_peerinfo(msg, RTSLIB_GENCFG_PEER_SLOT, 3);
+        rtslib_gencfg_get_peer_info(msg);
+        for (uint32_t i = 0; i < msg->peers_count; ++i) rtslib_gencfg_get_peer_index(msg, msg->peers[i]);
     }
     rtslib_msg_idl_release(h, msg);
     rtslib_close(h);

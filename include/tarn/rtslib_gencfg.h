@@ -88,8 +88,11 @@ TARN_API int rtslib_gencfg_add_peerinfo(gencfg_msg_t *gencfg, const rtslib_gencf
 TARN_API void rtslib_gencfg_delete_peerinfo(gencfg_msg_t *gencfg);
 /* The mask of the first mask entry in use, or NULL. */
 TARN_API const gencfg_peer_index_type_t *rtslib_gencfg_get_peer_info(const gencfg_msg_t *gencfg);
-/* 1 when the first mask entry among all allocated entries (in use or not)
- * has the peer's bit; 0 otherwise, and for types other than 1 and 16. */
+/* 1 when the first mask entry among all allocated entries (in use or not,
+ * up to peer_capacity) has the peer's bit; 0 otherwise, and for types other
+ * than 1 and 16. peer_capacity must not exceed the peer array's length: the
+ * library trims it so in the records it receives (answers, and notifications
+ * passed through rtslib_gencfg_async). */
 TARN_API int rtslib_gencfg_is_peer_present_in_peerinfo(const gencfg_msg_t *gencfg,
                                                        uint8_t peer_type, uint32_t index);
 /* The peer index for slot/sub in mask, or -1 when its bit is clear. */

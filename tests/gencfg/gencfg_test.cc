@@ -540,8 +540,10 @@ TEST_F(GencfgRequest, AsyncIntakeInflatesOnlyFlaggedRecords)
     };
     gencfg_msg_t *m = received(0);
     gencfg_msg_t *const plain = m;
+    m->peer_capacity = 9;  // a sender's capacity; no entries came with it
     EXPECT_EQ(rtslib_gencfg_async(h_, &m), 0);
     EXPECT_EQ(m, plain);
+    EXPECT_EQ(m->peer_capacity, 0);
     rtslib_msg_idl_release(h_, m);
 
     m = received(RTSLIB_GENCFG_F_COMPRESSED);

@@ -108,6 +108,14 @@ uint8_t *lay_out_copy(Carver &c, const gencfg_msg_t &src, gencfg_msg_t *dst)
     return c.take_array<uint8_t>(RTSLIB_GENCFG_BLOB_INFLATED_MAX);
 }
 
+// A received record carries only the peer entries in use, whatever capacity
+// its sender had: the capacity is cut to what arrived, so that searches that
+// go by capacity stay inside the array.
+void trim_received(gencfg_msg_t *m)
+{
+    if (m->peer_capacity > m->peers_count) m->peer_capacity = static_cast<uint8_t>(m->peers_count);
+}
+
 // The inflated copy of a received record: on success *msg_inout is the copy
 // and the received record is released; on failure it stays, without a blob.
 int decompress_record(rtslib_cookie *h, gencfg_msg_t **msg_inout)
@@ -369,6 +377,7 @@ int export_object(const Io &io, gencfg_msg_t *g, uint8_t op, gencfg_msg_t **repl
     int rc = exchange(io, req, expects_reply(op) ? &reply : nullptr);
     io.put(req);
     if (rc != 0 || reply == nullptr) return rc;
+    trim_received(reply);
     // A refusal comes back as an answer carrying the kernel's error and
     // nothing of the object.
     if (reply->hdr.error != 0) {
@@ -436,6 +445,7 @@ int rtslib_gencfg_change_and_get(rtslib_cookie *h, gencfg_msg_t *g, gencfg_msg_t
 int rtslib_gencfg_async(rtslib_cookie *h, gencfg_msg_t **msg_inout)
 {
     if (h == nullptr || msg_inout == nullptr || *msg_inout == nullptr) return EINVAL;
+    trim_received(*msg_inout);
     if (((*msg_inout)->flags & RTSLIB_GENCFG_F_COMPRESSED) == 0) return 0;
     return decompress_record(h, msg_inout);
 }

@@ -85,7 +85,8 @@ gencfg_peerinfo_t *find_mask(const gencfg_msg_t *g, uint32_t limit)
 {
     if (g->peers == nullptr) return nullptr;
     for (uint32_t i = 0; i < limit; ++i)
-        if (g->peers[i]->peer_choice == RTSLIB_GENCFG_CHOICE_MASK) return g->peers[i];
+        if (g->peers[i] != nullptr && g->peers[i]->peer_choice == RTSLIB_GENCFG_CHOICE_MASK)
+            return g->peers[i];
     return nullptr;
 }
 
