@@ -34,3 +34,14 @@ install(FILES
 file(RELATIVE_PATH TARN_PC_TO_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/libtarn.pc.in ${PROJECT_BINARY_DIR}/libtarn.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/libtarn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The compression hooks for configuration blobs: a library of their own that
+# daemons link next to libtarn when they want zlib or zstd.
+if(TARGET tarn_compress)
+  install(TARGETS tarn_compress EXPORT tarnCompressTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(EXPORT tarnCompressTargets
+    NAMESPACE tarn::
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tarn)
+endif()

@@ -22,6 +22,7 @@ TARGETS=(
   kernel_emu_fuzz
   ifaddrs_walk_fuzz
   fuzz_async_dispatch
+  gencfg_inflate_fuzz
 )
 SECONDS_PER_TARGET=${FUZZ_SECONDS:-8}
 

@@ -17,5 +17,6 @@
 #include <tarn/rtslib_if.h>
 #include <tarn/rtslib_ifstate.h>
 #include <tarn/rtslib_async.h>
+#include <tarn/rtslib_gencfg.h>
 
 #endif /* TARN_TARN_H */

@@ -13,6 +13,10 @@
 namespace tarn::kemu {
 namespace {
 
+// Blob bytes gencfg-show prints: a control answer holds far less than the
+// largest blob.
+constexpr size_t kShownBlobBytes = 256;
+
 // "-" stands for no bytes.
 bool parse_hex(const std::string &text, std::vector<uint8_t> &out)
 {
@@ -99,7 +103,7 @@ struct Commands {
     }
     static int dump(Kernel &k, Socket *, std::istream &, std::string &out)
     {
-        out = k.routing_.dump() + k.interfaces_.dump();
+        out = k.routing_.dump() + k.interfaces_.dump() + k.gencfg_.dump();
         return 0;
     }
     // "device-add em2", "address-delete em0.0 192.0.2.1/24", ...: the
@@ -291,6 +295,73 @@ struct Commands {
     {
         return mgroup_change(k, in, RTS_OP_DELETE);
     }
+    // "MAJOR MINOR KEYHEX": the object a gencfg command names.
+    static bool read_gencfg_key(std::istream &in, GencfgKey &key)
+    {
+        unsigned major = 0, minor = 0;
+        std::string text;
+        if (!(in >> major >> minor >> text) || major > 0xffff || minor > 0xffff ||
+            !parse_hex(text, key.key))
+            return false;
+        key.major = static_cast<uint16_t>(major);
+        key.minor = static_cast<uint16_t>(minor);
+        return true;
+    }
+    static int gencfg_list(Kernel &k, Socket *, std::istream &, std::string &out)
+    {
+        out = k.gencfg_.dump();
+        return 0;
+    }
+    static int gencfg_show(Kernel &k, Socket *, std::istream &in, std::string &out)
+    {
+        GencfgKey key;
+        if (!read_gencfg_key(in, key)) return EINVAL;
+        return k.gencfg_.show(key, kShownBlobBytes, out) ? 0 : ENOENT;
+    }
+    static int gencfg_change(Kernel &k, std::istream &in, uint8_t op)
+    {
+        GencfgKey key;
+        std::vector<uint8_t> blob;
+        std::string text;
+        unsigned long flags = 0;
+        if (!read_gencfg_key(in, key)) return EINVAL;
+        if (op == RTS_OP_ADD) {
+            if (!(in >> text) || !parse_hex(text, blob) || blob.size() >= kGencfgMaxBlob)
+                return EINVAL;
+            if (in >> text) {
+                char *end = nullptr;
+                flags = std::strtoul(text.c_str(), &end, 0);
+                if (*end != '\0' || flags > 0xffffffffUL) return EINVAL;
+            }
+        }
+        const bool present = k.gencfg_.find(key) != nullptr;
+        if (op == RTS_OP_ADD && present) return EEXIST;
+        if (op == RTS_OP_DELETE && !present) return ENOENT;
+        gencfg_msg_t req{};
+        req.hdr = header(kGencfgVersion, RTS_MSG_GENCFG, op);
+        req.major_type = key.major;
+        req.minor_type = key.minor;
+        // Lists and the extra value cannot be given here; their flags would
+        // promise what the object does not carry.
+        req.flags = static_cast<uint32_t>(flags) & ~(kGencfgFlagDeps | kGencfgFlagExtra);
+        if (!key.key.empty()) req.flags |= kGencfgFlagKey;
+        req.key = key.key.data();
+        req.key_len = static_cast<uint32_t>(key.key.size());
+        req.blob = blob.data();
+        req.blob_len = static_cast<uint32_t>(blob.size());
+        Emission out(k.sockets_, k.log_, 0, Encoding::kTlv);
+        k.gencfg_.request(req, out);
+        k.post(out.take());
+        return 0;
+    }
+    static int gencfg_add(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        return gencfg_change(k, in, RTS_OP_ADD);
+    }
+    static int gencfg_delete(Kernel &k, Socket *, std::istream &in, std::string &)
+    {
+        return gencfg_change(k, in, RTS_OP_DELETE);
+    }
     static int table_add(Kernel &k, Socket *, std::istream &in, std::string &)
     {
         unsigned tid = 0, af = 0;
@@ -316,8 +387,8 @@ struct Commands {
 const Commands::Entry Commands::kTable[] = {
     {"help", "", false, "this list", help},
     {"dump", "", false,
-     "route tables, routes, multicast groups and interfaces (with families and addresses), "
-     "one a line",
+     "route tables, routes, multicast groups, interfaces (with families and addresses) and "
+     "configuration objects, one a line",
      dump},
     {"count", "", false, "the number of routes", count},
     {"sockets", "", false, "every routing socket with its listen mask, sequence and queue", sockets},
@@ -367,6 +438,18 @@ const Commands::Entry Commands::kTable[] = {
      traffic},
     {"ifs-max-clients", "N", false, "set the sysctl hw.product.ifs_max_clients",
      ifs_max_clients},
+    {"gencfg-list", "", false,
+     "configuration objects, one a line: major, minor, key, flags, blob length, list sizes",
+     gencfg_list},
+    {"gencfg-show", "MAJOR MINOR KEYHEX", false,
+     "one configuration object, one \"name value\" a line (blob bytes cut after 256)",
+     gencfg_show},
+    {"gencfg-add", "MAJOR MINOR KEYHEX BLOBHEX [FLAGS]", false,
+     "add a configuration object and notify listeners (0x20000 in FLAGS: the blob is "
+     "compressed)",
+     gencfg_add},
+    {"gencfg-delete", "MAJOR MINOR KEYHEX", false,
+     "delete a configuration object and notify listeners", gencfg_delete},
 };
 
 std::string command_help()

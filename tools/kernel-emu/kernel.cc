@@ -314,6 +314,7 @@ void Kernel::dispatch(const void *record, Emission &out)
         return interfaces_.family_request(*static_cast<const iff_msg_t *>(record), out);
     case RTS_MSG_IFADDR:
         return interfaces_.address_request(*static_cast<const ifa_msg_t *>(record), out);
+    case RTS_MSG_GENCFG: return gencfg_.request(*static_cast<const gencfg_msg_t *>(record), out);
     default: return;
     }
 }

@@ -16,6 +16,7 @@
 #include "emission.h"
 #include "emu_config.h"
 #include "emu_log.h"
+#include "gencfg.h"
 #include "ifstate.h"
 #include "interfaces.h"
 #include "routing.h"
@@ -73,6 +74,7 @@ public:
     const Routing &routing() const { return routing_; }
     const Interfaces &interfaces() const { return interfaces_; }
     const IfStateClients &ifstate_clients() const { return ifstate_; }
+    const Gencfg &gencfg() const { return gencfg_; }
     uint32_t ifs_max_clients() const { return ifs_max_clients_; }
 
 private:
@@ -85,6 +87,7 @@ private:
     Routing routing_;
     Interfaces interfaces_;
     IfStateClients ifstate_;
+    Gencfg gencfg_;
     uint32_t ifs_max_clients_;
     Emission::Sockets sockets_;
     uint64_t next_id_ = 1;

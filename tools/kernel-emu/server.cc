@@ -91,6 +91,24 @@ std::string describe_value(const uint8_t *v, size_t len)
 
 }  // namespace
 
+// A SEQPACKET message must fit the sender's buffer whole, and the default
+// (about 200 KiB) is less than a configuration object with the largest blob.
+// The host may cap the size (net.core.wmem_max); then such messages fail to
+// send, and the log says why.
+void Server::widen_buffers(uint64_t id, int fd)
+{
+    const int want = static_cast<int>(kMaxMessage);
+    for (int opt : {SO_SNDBUF, SO_RCVBUF}) {
+        int got = 0;
+        socklen_t len = sizeof got;
+        if (::setsockopt(fd, SOL_SOCKET, opt, &want, sizeof want) != 0 ||
+            ::getsockopt(fd, SOL_SOCKET, opt, &got, &len) != 0 || got < want)
+            log_.line("socket %llu: %s is %d bytes, less than the %d a message may need",
+                      static_cast<unsigned long long>(id), opt == SO_SNDBUF ? "SO_SNDBUF" : "SO_RCVBUF",
+                      got, want);
+    }
+}
+
 Server::Server(const EmuConfig &cfg, const EmuLog &log)
     : cfg_(cfg), log_(log), kernel_(cfg, log),
       ctl_path_(cfg.socket_path + emu::kControlSuffix),
@@ -145,6 +163,7 @@ void Server::accept_routing_sockets()
         const uint64_t id = kernel_.open_socket(name);
         log_.line("socket %llu: opened by %s", static_cast<unsigned long long>(id),
                   printable(name).c_str());
+        widen_buffers(id, fd);
         conns_.push_back({fd, id});
     }
 }

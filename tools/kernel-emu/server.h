@@ -35,6 +35,7 @@ public:
 
 private:
     void accept_routing_sockets();
+    void widen_buffers(uint64_t id, int fd);
     void accept_control();
     void serve_control(int fd);
     int run_command(uint64_t sock, const uint8_t *text, uint32_t len,

@@ -45,6 +45,12 @@ int set_send_interface(int fd, int family, uint32_t index);
 // write(2) on a routing socket.
 ssize_t route_write(int fd, const void *buf, size_t len);
 
+// Makes room for one message of `len` bytes to be written whole. The target
+// kernel takes any routing message the caller can build; the host's
+// SOCK_SEQPACKET refuses one larger than the send buffer, so the host widens
+// the buffer as needed (best effort: the host may cap it).
+void make_room_for_message(int fd, uint32_t len);
+
 // How long a request waits for its answer after the write.
 enum class AnswerWait : uint8_t {
     // The target kernel queues the answer before write() returns.

@@ -8,7 +8,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -267,6 +269,19 @@ int set_send_interface(int fd, int family, uint32_t index)
     const uint32_t be = htonl(index);
     if (family == TARN_AF_INET) return ::setsockopt(fd, IPPROTO_IP, IP_UNICAST_IF, &be, sizeof be);
     return ::setsockopt(fd, IPPROTO_IPV6, IPV6_UNICAST_IF, &be, sizeof be);
+}
+
+void make_room_for_message(int fd, uint32_t len)
+{
+    // The kernel keeps a few dozen bytes of each datagram's bookkeeping in
+    // the same budget.
+    const uint64_t want = uint64_t{len} + 4096;
+    int have = 0;
+    socklen_t n = sizeof have;
+    if (::getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &have, &n) != 0 || static_cast<uint64_t>(have) >= want) return;
+    // Linux doubles the value it is given.
+    const int ask = static_cast<int>(std::min<uint64_t>(want, INT_MAX / 2));
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &ask, sizeof ask);
 }
 
 ssize_t route_write(int fd, const void *buf, size_t len)

@@ -23,6 +23,8 @@ extern "C" int sysctl(const int *name, unsigned int namelen, void *oldp, size_t 
 
 namespace tarn::os {
 
+void make_room_for_message(int, uint32_t) {}
+
 int route_socket_open()
 {
     return ::socket(TARN_PF_ROUTE, TARN_SOCK_SEQPACKET, 0);

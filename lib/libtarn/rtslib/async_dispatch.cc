@@ -7,6 +7,7 @@
 #include "libtarn/rtslib/msg_io_internal.h"
 #include "libtarn/rtslib/wire.h"
 #include <tarn/idl.h>
+#include <tarn/rtslib_gencfg.h>
 #include <tarn/rtslib_if.h>
 #include <tarn/rtslib_msg.h>
 
@@ -38,9 +39,11 @@ void unnumbered_donor_report(rtslib_cookie *h)
     rtslib_unnum_ifa_report(h);
 }
 
-int gencfg_intake(rtslib_cookie *, void **)
+// A compressed configuration blob is inflated before its handler sees the
+// record; the record may be replaced by the inflated copy.
+int gencfg_intake(rtslib_cookie *h, void **record)
 {
-    return 0;
+    return rtslib_gencfg_async(h, reinterpret_cast<gencfg_msg_t **>(record));
 }
 
 // What one pass has in hand; whatever is still held when the pass ends is
