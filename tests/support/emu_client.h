@@ -2,7 +2,7 @@
 //
 // Commands (command(); "(socket)" ones need the routing socket's fd, the
 // others take -1; tarn-kernel-emu's "help" command prints this list):
-//   help, dump (routing state, then interfaces), count, sockets
+//   help, dump (routing state, interfaces, configuration objects), count, sockets
 //   state (socket)            one "name value" a line: socket, name, sender-id,
 //                             lr-id, listen-mask (0x + 16 hex digits, high word
 //                             first), async-mode, slave-mode, master-mode,
@@ -29,6 +29,18 @@
 //   traffic NAME [inet|inet6] IN_PKTS OUT_PKTS IN_BYTES OUT_BYTES
 //                             counts traffic that the statistics requests answer
 //   ifs-max-clients N         the sysctl hw.product.ifs_max_clients
+//   gencfg-list               configuration objects, one a line: "gencfg MAJOR
+//                             MINOR KEYHEX flags 0xF blob LEN peers N deps N"
+//   gencfg-show MAJOR MINOR KEYHEX
+//                             one object, "name value" lines (key, major, minor,
+//                             value3, value4, flags, extra-value, gen-id,
+//                             peer-capacity, blob-len, blob: hex, cut after 256
+//                             bytes with "..."), then "peer ..." and "dep ..."
+//                             lines; ENOENT when absent
+//   gencfg-add MAJOR MINOR KEYHEX BLOBHEX [FLAGS], gencfg-delete MAJOR MINOR KEYHEX
+//                             changes that notify listeners (TLV); KEYHEX "-" is
+//                             no key; FLAGS 0x20000 marks the blob compressed;
+//                             EEXIST / ENOENT when refused
 #ifndef TARN_TESTS_EMU_CLIENT_H
 #define TARN_TESTS_EMU_CLIENT_H
 
