@@ -11,7 +11,7 @@ PACKAGES=(
   build-essential g++ g++-multilib cmake ninja-build pkg-config git
   clang lld libclang-rt-14-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  libev-dev libev-dev:i386 libabsl-dev libabsl-dev:i386 zlib1g-dev libzstd-dev zlib1g-dev:i386 libzstd-dev:i386
+  libev-dev libev-dev:i386 libabsl-dev libabsl-dev:i386 zlib1g-dev libzstd-dev
   libprotobuf-c-dev protobuf-c-compiler
   qemu-user ccache
 )

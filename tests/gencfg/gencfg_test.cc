@@ -13,6 +13,7 @@
 
 #include "gencfg_support.h"
 #include "report_collector.h"
+#include "request_layout.h"
 #include <tarn/tarn.h>
 
 namespace {
@@ -251,37 +252,16 @@ TEST(GencfgDepends, DataAreaAndEntryLimits)
     EXPECT_EQ(rtslib_gencfg_add_depinfo(&g, 1, 1, 1, 1, data.data(), 1), -1);
 }
 
-// A handle writing into a socket pair with room for the largest messages.
-class GencfgRequest : public testing::Test {
+// A handle writing into a socket pair, its reports collected.
+class GencfgRequest : public tarn::test::RequestLayout {
 protected:
     void SetUp() override
     {
-        h_ = rtslib_open_nc();
-        ASSERT_NE(h_, nullptr);
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair_), 0);
-        const int big = 4 << 20;
-        for (int fd : pair_) {
-            setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
-            setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
-        }
-        h_->fd = pair_[0];
+        RequestLayout::SetUp();
         h_->lib_error_fn = ReportCollector::sink;
         h_->lib_error_arg = &errors_;
     }
-    void TearDown() override
-    {
-        ::close(pair_[1]);
-        rtslib_close(h_);
-    }
-    gencfg_msg_t *written()
-    {
-        std::vector<uint8_t> buf(8u << 20);
-        const ssize_t n = ::recv(pair_[1], buf.data(), buf.size(), MSG_DONTWAIT);
-        if (n <= 0) return nullptr;
-        void *rec = nullptr;
-        EXPECT_EQ(rtslib_msg_idl_decode(h_, buf.data(), static_cast<uint32_t>(n), &rec, nullptr), 0);
-        return static_cast<gencfg_msg_t *>(rec);
-    }
+    gencfg_msg_t *written() { return RequestLayout::written<gencfg_msg_t>(); }
     // Queues the answer to the next request.
     void answer(gencfg_msg_t rec)
     {
@@ -301,8 +281,6 @@ protected:
         return false;
     }
 
-    rtslib_cookie *h_ = nullptr;
-    int pair_[2] = {-1, -1};
     ReportCollector errors_;
 };
 

@@ -1,5 +1,6 @@
 // A handle whose socket is one end of a pair, so a test can read exactly
-// what the library wrote.
+// what the library wrote. The pair has room for the largest messages the
+// library sends (configuration blobs of half a megabyte).
 #ifndef TARN_TESTS_REQUEST_LAYOUT_H
 #define TARN_TESTS_REQUEST_LAYOUT_H
 
@@ -22,6 +23,11 @@ protected:
         h_ = rtslib_open_nc();
         ASSERT_NE(h_, nullptr);
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair_), 0);
+        const int big = 4 << 20;
+        for (int fd : pair_) {
+            ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
+        }
         h_->fd = pair_[0];
     }
     void TearDown() override
@@ -32,7 +38,7 @@ protected:
     // The next request the library wrote, decoded; nullptr if none.
     template <typename Record> Record *written()
     {
-        std::vector<uint8_t> buf(RTS_MSG_MAX);
+        std::vector<uint8_t> buf(8u << 20);
         const ssize_t n = ::recv(pair_[1], buf.data(), buf.size(), MSG_DONTWAIT);
         if (n <= 0) return nullptr;
         void *rec = nullptr;
