@@ -313,6 +313,7 @@ static void demo_interfaces(struct report_log *log)
     evDestroy(ev);
 }
 
+#ifdef TARN_DEMO_HAVE_COMPRESS
 /* A configuration object as the listener received it: the blob arrives
  * inflated, whatever travelled on the wire. */
 static int on_gencfg(rtslib_cookie *h, void *arg, void *msg, void *reserved)
@@ -327,6 +328,7 @@ static int on_gencfg(rtslib_cookie *h, void *arg, void *msg, void *reserved)
     rtslib_msg_idl_release(h, msg);
     return 0;
 }
+#endif
 
 /* Configuration blobs: one handle exports a compressed object with a
  * dependency and a peer mask, a listener receives it inflated in an eventlib
