@@ -389,8 +389,8 @@ int ifl_setsendifbysnmpifindex(int socket, uint32_t snmp_index)
     return ifl_setsendifbyifindex(socket, static_cast<uint32_t>(index));
 }
 
-// The C library's lookups. They keep its exception specification so that
-// <net/if.h> and these definitions agree.
+// The C library's lookups. They are declared noexcept as <net/if.h> declares them,
+// so that its declarations and these definitions agree.
 #ifdef __THROW
 #define TARN_LIBC_FN noexcept
 #else
