@@ -189,6 +189,15 @@ static void stop_loop(evContext ev, void *uap, struct timespec due, struct times
     evBreak(ev);
 }
 
+/* Runs the handle's event loop until a timer ends it, `ns` nanoseconds from
+ * now. */
+static void run_loop(rtslib_cookie *h, evContext ev, long ns)
+{
+    evSetTimer(ev, stop_loop, NULL, evAddTime(evNowTime(), evConsTime(0, ns)), evConsTime(0, 0),
+               NULL);
+    rtslib_async_event_loop(h);
+}
+
 /* A second handle listens for route and table changes in an eventlib loop
  * while the first makes them. */
 static void demo_notifications(rtslib_cookie *h, struct report_log *log)
@@ -220,9 +229,7 @@ static void demo_notifications(rtslib_cookie *h, struct report_log *log)
     printf("  first handle creates table \"green\" (index 6): %s\n", ok_or(rc));
 
     printf("  event loop for half a second; the listener sees:\n");
-    evSetTimer(ev, stop_loop, NULL, evAddTime(evNowTime(), evConsTime(0, 500000000)),
-               evConsTime(0, 0), NULL);
-    rtslib_async_event_loop(w.h);
+    run_loop(w.h, ev, 500000000);
     printf("  %d notification%s\n\n", w.notifications, w.notifications == 1 ? "" : "s");
 
     /* Closing the handle destroys its asynchronous context; the event
@@ -305,9 +312,7 @@ static void demo_interfaces(struct report_log *log)
     if (fd >= 0) close(fd);
 
     printf("  event loop for a moment; the listener sees:\n");
-    evSetTimer(ev, stop_loop, NULL, evAddTime(evNowTime(), evConsTime(0, 300000000)),
-               evConsTime(0, 0), NULL);
-    rtslib_async_event_loop(w.h);
+    run_loop(w.h, ev, 300000000);
     printf("  %d notification%s\n\n", w.notifications, w.notifications == 1 ? "" : "s");
     rtslib_close(w.h);
     evDestroy(ev);
@@ -385,9 +390,7 @@ static void demo_gencfg(struct report_log *log)
     printf("  add %u bytes, compressed with zlib:        %s\n", len, ok_or(rc));
 
     printf("  event loop for half a second; the listener sees:\n");
-    evSetTimer(ev, stop_loop, NULL, evAddTime(evNowTime(), evConsTime(0, 500000000)),
-               evConsTime(0, 0), NULL);
-    rtslib_async_event_loop(w.h);
+    run_loop(w.h, ev, 500000000);
 
     memset(&ask, 0, sizeof ask);
     ask.major_type = RTSLIB_GENCFG_MAJOR_MASKED;
