@@ -194,6 +194,28 @@ TEST_F(Envelope, EncodeDecodeBothEncodings)
     EXPECT_TRUE(reports.reports.empty());
 }
 
+// The envelope's type chose the layout; a member header naming another type
+// (hostile input) must not survive, or readers would take the record for a
+// different, possibly larger one.
+TEST_F(Envelope, MemberHeaderTakesTheEnvelopeType)
+{
+    rtb_msg_t m = table_message();
+    m.hdr.type = RTS_MSG_IFADDR;  // encoded under the table's envelope type below
+    Bytes buf(1024);
+    uint32_t len = static_cast<uint32_t>(buf.size());
+    rts_msg_t msg{};
+    msg.type = RTS_MSG_RTTABLE;
+    msg.member = &m;
+    len = idr_encode_rts_msg_0(&msg, buf.data(), len);
+    ASSERT_LE(len, buf.size());
+    ASSERT_EQ(get32(buf.data() + 8), uint32_t{RTS_MSG_RTTABLE});
+    void *out = nullptr;
+    ASSERT_EQ(rtslib_msg_idl_decode(handle, buf.data(), len, &out, nullptr), 0);
+    EXPECT_EQ(static_cast<rtb_msg_t *>(out)->hdr.type, RTS_MSG_RTTABLE);
+    EXPECT_EQ(static_cast<rtb_msg_t *>(out)->tid, 5u);
+    rtslib_msg_idl_release(handle, out);
+}
+
 TEST_F(Envelope, EncodeGrowsToTheExactSize)
 {
     rt_msg_t r{};
