@@ -18,5 +18,7 @@
 #include <tarn/rtslib_ifstate.h>
 #include <tarn/rtslib_async.h>
 #include <tarn/rtslib_gencfg.h>
+#include <tarn/idl_types.h>
+#include <tarn/rtslib_format.h>
 
 #endif /* TARN_TARN_H */
