@@ -83,28 +83,31 @@ void dump_bytes(Cursor &c, const char *name, const uint8_t *p, uint32_t n)
 void brief_fields(Cursor &c, const char *line_start, int budget, const tarn_idl_type *type,
                   const void *record)
 {
+    // The record's name, when it has one, leads as in the device summary;
+    // the scalars follow in declaration order.
     const auto *rec = static_cast<const uint8_t *>(record);
     const char *sep = "";
     tarn_idl_field f;
-    for (uint32_t i = 0; tarn_idl_type_field(type, i, &f) == 0 && c.ok(); ++i) {
-        char item[320];
-        int n;
-        if (i == 0 && f.kind == TARN_IDL_KIND_RECORD) continue;  // the routing-socket header
-        if (is_scalar(f.kind)) {
-            n = std::snprintf(item, sizeof item, "%s%s=%llu", sep, f.name,
-                              static_cast<unsigned long long>(scalar_at(rec + f.offset, f.kind)));
-        } else if (f.kind == TARN_IDL_KIND_BYTES && std::strcmp(f.name, "name") == 0) {
-            const uint8_t *p = pointer_at<const uint8_t *>(rec, f);
-            n = std::snprintf(item, sizeof item, "%s%.*s", sep, text_len(p, count_at(rec, f)),
-                              p ? reinterpret_cast<const char *>(p) : "");
-        } else {
-            continue;
+    for (int pass = 0; pass < 2; ++pass)
+        for (uint32_t i = 0; tarn_idl_type_field(type, i, &f) == 0 && c.ok(); ++i) {
+            char item[320];
+            int n;
+            if (pass == 1 && is_scalar(f.kind)) {
+                n = std::snprintf(item, sizeof item, "%s%s=%llu", sep, f.name,
+                                  static_cast<unsigned long long>(scalar_at(rec + f.offset, f.kind)));
+            } else if (pass == 0 && f.kind == TARN_IDL_KIND_BYTES && std::strcmp(f.name, "name") == 0) {
+                const uint8_t *p = pointer_at<const uint8_t *>(rec, f);
+                if (!p) continue;
+                n = std::snprintf(item, sizeof item, "%s%.*s", sep, text_len(p, count_at(rec, f)),
+                                  reinterpret_cast<const char *>(p));
+            } else {
+                continue;
+            }
+            // Main fields only: stop where the line would pass the budget.
+            if (n < 0 || (c.pos - line_start) + n >= budget) return;
+            c.add("%s", item);
+            sep = " ";
         }
-        // Main fields only: stop where the line would pass the budget.
-        if (n < 0 || (c.pos - line_start) + n >= budget) break;
-        c.add("%s", item);
-        sep = " ";
-    }
 }
 
 void dump_record(Cursor &c, const tarn_idl_type *type, const void *record, int indent)
