@@ -5,7 +5,7 @@
 // diff:
 //   TARN_FORMAT_REGEN=1 build/host/tests/format/format_golden_test
 // TARN_FORMAT_CORPUS=fuzz/corpus/format_fuzz additionally writes each message's
-// envelope (or raw bytes) there as a seed of the format_fuzz target.
+// envelope (or raw bytes) there, in a brief and a full seed of format_fuzz.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -244,9 +244,20 @@ TEST_P(FormatGolden, MatchesCheckedInText)
         want << in.rdbuf();
         EXPECT_EQ(want.str(), text);
     }
-    if (const char *corpus = std::getenv("TARN_FORMAT_CORPUS"))
-        std::ofstream(std::string(corpus) + "/" + GetParam().name, std::ios::binary)
-            .write(reinterpret_cast<const char *>(wire.data()), static_cast<long>(wire.size()));
+    if (const char *corpus = std::getenv("TARN_FORMAT_CORPUS")) {
+        // format_fuzz inputs: two bytes of buffer size and mode, then the message.
+        const std::pair<const char *, std::vector<uint8_t>> seeds[] = {
+            {".brief", {0xff, 0x80}},  // 256 bytes, brief
+            {".full", {0xff, 0x07}},   // 2048 bytes, full
+        };
+        for (const auto &[suffix, prefix] : seeds) {
+            std::vector<uint8_t> input = prefix;
+            input.insert(input.end(), wire.begin(), wire.end());
+            std::ofstream(std::string(corpus) + "/" + GetParam().name + suffix, std::ios::binary)
+                .write(reinterpret_cast<const char *>(input.data()),
+                       static_cast<long>(input.size()));
+        }
+    }
     if (decoded) rtslib_msg_idl_release(h, msg);
     rtslib_close(h);
 }
