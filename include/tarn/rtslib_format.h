@@ -8,9 +8,10 @@
  * message as read from the socket, beginning with the 24-byte wire header.
  * Both begin with the same bytes (type at offset 5, operation at 6, length at
  * 8, sequence at 12), which is all the formatter reads before it chooses. A
- * raw message must have as many readable bytes as its length word says; a
- * length too short for what its type carries is reported and only the part
- * inside it is shown.
+ * raw message must have its 24-byte header and as many readable bytes as its
+ * length word says; a length too short for what its type carries is reported
+ * and only the part inside it is shown. A raw message of a type that has a
+ * record is not accepted: decode it first.
  *
  * Ownership: the caller owns buffers and messages; formatting never changes a
  * message and never writes past `size` bytes of a buffer. Texts returned by

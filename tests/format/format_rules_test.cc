@@ -189,8 +189,9 @@ TEST_F(FormatOutput, PrintToFileUsesTheTextAsFormat)
     FILE *f = std::tmpfile();
     ASSERT_NE(f, nullptr);
     rtslib_print_msg_to_file(h, f, 1, d.msg);
-    std::vector<uint8_t> raw(10);  // a raw message whose length word is short
+    std::vector<uint8_t> raw(RTS_HDR_MIN_LEN);  // a header whose length word is short
     raw[5] = RTS_MSG_RTSTATS;
+    raw[8] = 10;
     rtslib_print_msg_to_file(h, f, 1, raw.data());
     rtslib_print_msg_to_file(h, f, 1, nullptr);
     rtslib_print_msg_to_file(h, nullptr, 1, d.msg);
