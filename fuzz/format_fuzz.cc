@@ -5,20 +5,12 @@
 // length word (at least the header) so that the sanitizers see any read past
 // it. Checked beyond "no crash": nothing is written past the buffer, the text
 // is terminated inside it, and the message is unchanged.
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include <tarn/tarn.h>
 
-#define FUZZ_CHECK(cond)                                                          \
-    do {                                                                          \
-        if (!(cond)) {                                                            \
-            std::fprintf(stderr, "check failed: %s (line %d)\n", #cond, __LINE__); \
-            std::abort();                                                         \
-        }                                                                         \
-    } while (0)
+#include "idl_fuzz_support.h"
 
 namespace {
 

@@ -163,6 +163,7 @@ int rtslib_format_brief_output(rtslib_cookie *handle, char *buffer, const void *
 
 int rtslib_ifdm_format_full_output(rtslib_cookie *handle, char *buffer, const ifdev_msg_t *message)
 {
+    if (message && message->hdr.type != RTS_MSG_IFDEV) return -1;
     return run(handle, buffer, RTSLIB_FORMAT_FULL_SIZE, 0, message, [](Cursor &c, const void *m) {
         ifdm_full(c, static_cast<const ifdev_msg_t *>(m));
     });
