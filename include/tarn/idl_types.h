@@ -67,6 +67,41 @@ TARN_API uint32_t tarn_idl_type_field_count(const tarn_idl_type *type);
  * index beyond the last field. */
 TARN_API int tarn_idl_type_field(const tarn_idl_type *type, uint32_t i, tarn_idl_field *out);
 
+/* --- Walking a record ------------------------------------------------------
+ * tarn_idl_walk visits a record's fields in declaration order, depth first,
+ * so that a tool can print any record (as text, JSON, ...) without code per
+ * type. Events:
+ *  VALUE  a scalar (value->scalar) or byte string (value->bytes, ->length);
+ *  BEGIN / END around a nested record (value->record), around an array
+ *         (value->count elements) and around each of its elements
+ *         (value->element set, ->index, ->record; NULL for a null element).
+ * The walk follows the record's own pointers and counts, so it is only as
+ * safe as the record: use it on records from the library's decoders or built
+ * consistently. A non-zero result of the visitor stops the walk and is
+ * returned; otherwise 0, or EINVAL for a null type, record or visitor. */
+enum tarn_idl_visit {
+    TARN_IDL_VISIT_VALUE = 0,
+    TARN_IDL_VISIT_BEGIN = 1,
+    TARN_IDL_VISIT_END = 2
+};
+
+typedef struct tarn_idl_value {
+    const tarn_idl_field *field;
+    uint32_t depth;        /* 0 for the walked record's own fields */
+    uint32_t element;      /* 1 for an array element's BEGIN / END */
+    uint32_t index;        /* the element's index */
+    uint32_t count;        /* an array's element count */
+    uint64_t scalar;
+    const uint8_t *bytes;
+    uint32_t length;
+    const void *record;    /* nested record or element */
+} tarn_idl_value;
+
+typedef int (*tarn_idl_visit_fn)(void *ctx, int event, const tarn_idl_value *value);
+
+TARN_API int tarn_idl_walk(const tarn_idl_type *type, const void *record, tarn_idl_visit_fn fn,
+                           void *ctx);
+
 TARN_END_DECLS
 
 #endif /* TARN_IDL_TYPES_H */
