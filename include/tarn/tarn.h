@@ -19,5 +19,7 @@
 #include <tarn/rtslib_async.h>
 #include <tarn/rtslib_gencfg.h>
 #include <tarn/tarn_lsping.h>
+#include <tarn/idl_types.h>
+#include <tarn/rtslib_format.h>
 
 #endif /* TARN_TARN_H */
