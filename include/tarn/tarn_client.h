@@ -445,9 +445,11 @@ TARN_API int tarn_session_reply_get(tarn_session_handle *session);
  * 0, or -1 with errno. */
 TARN_API int tarn_session_rtsock_event(tarn_session_handle *session);
 
-/* Sends one message built by the caller (`hdr` then hdr->length payload
- * bytes). */
-TARN_API int tarn_client_msg_write(tarn_session_handle *session, const void *hdr,
+struct ipc_msg; /* <qpipe/ipc_pipe.h> */
+
+/* Sends one message built by the caller: the header's type and length, then
+ * hdr->length bytes of `payload`. */
+TARN_API int tarn_client_msg_write(tarn_session_handle *session, const struct ipc_msg *hdr,
                                    const void *payload);
 /* Type 71: `name` of at most 63 characters (EINVAL otherwise). */
 TARN_API int tarn_client_identify(tarn_session_handle *session, const char *name);
