@@ -18,5 +18,6 @@
 #include <tarn/rtslib_ifstate.h>
 #include <tarn/rtslib_async.h>
 #include <tarn/rtslib_gencfg.h>
+#include <tarn/tarn_client.h>
 
 #endif /* TARN_TARN_H */
