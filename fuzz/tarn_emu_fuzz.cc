@@ -1,6 +1,9 @@
 // The routing-daemon emulator's request handling over arbitrary client
-// frames, with the kernel in memory. Byte 0 picks scripted behaviour; the
-// rest is a stream of frames, taken alternately from two clients.
+// frames, with the kernel in memory. Byte 0 picks scripted behaviour; then
+// come frames, each a byte of client (odd: 1, even: 2) and type, a
+// little-endian 16-bit payload length (cut to what is left) and the payload.
+#include <algorithm>
+
 #include "daemon.h"
 #include "frame.h"
 #include "memory_kernel.h"
@@ -23,12 +26,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     daemon.connect(1, refused);
     daemon.connect(2, refused);
 
-    FrameReader reader;
-    reader.append(data + 1, size - 1);
-    Frame f;
-    for (unsigned n = 0; reader.next(f) == FrameReader::Next::kFrame; ++n) {
+    size_t at = 1;
+    for (unsigned n = 0; size - at >= 4; ++n) {
+        const uint64_t client = 1 + (data[at] & 1);
+        Frame f;
+        f.type = data[at + 1];
+        const size_t len = std::min<size_t>(data[at + 2] | data[at + 3] << 8, size - at - 4);
+        f.payload.assign(data + at + 4, data + at + 4 + len);
+        at += 4 + len;
         if (script & 4) kernel.fail_next = n % 3 == 0 ? 17 : 0;
-        for (const auto &out : daemon.handle(1 + n % 2, f))
+        for (const auto &out : daemon.handle(client, f))
             if (out.frame.payload.size() > tarn::temu::wire::kMaxPayload) __builtin_trap();
     }
     kernel.fail_next = 0;

@@ -1,6 +1,4 @@
 // The routing daemon's model driven frame by frame, with the kernel in memory.
-#include <cstring>
-
 #include <gtest/gtest.h>
 
 #include "daemon.h"
@@ -12,12 +10,6 @@ namespace tarn::temu {
 namespace {
 
 using namespace wire;
-
-std::vector<uint8_t> cat(std::vector<uint8_t> a, const std::vector<uint8_t> &b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 std::vector<uint8_t> registration(const std::string &name, uint16_t family = 0, uint16_t alen = 0)
 {
@@ -351,29 +343,6 @@ TEST(DaemonConfigTest, LocalAsLines)
     EXPECT_TRUE(cfg.instances[1].confederation);
     EXPECT_FALSE(parse_daemon_config("local-as x 1 2 other\n", cfg, error));
     EXPECT_EQ(error, "line 1: expected \"local-as NAME AS TABLE [confederation]\"");
-}
-
-TEST(FrameReaderTest, SplitsAndRefusesOversizedHeaders)
-{
-    FrameReader r;
-    auto a = encode_frame(12, {0, 0, 0, 11});
-    auto b = encode_frame(17, {});
-    auto stream = cat(a, b);
-    r.append(stream.data(), 5);
-    Frame f;
-    EXPECT_EQ(r.next(f), FrameReader::Next::kNeedMore);
-    r.append(stream.data() + 5, stream.size() - 5);
-    ASSERT_EQ(r.next(f), FrameReader::Next::kFrame);
-    EXPECT_EQ(f.type, 12);
-    EXPECT_EQ(f.payload.size(), 4u);
-    ASSERT_EQ(r.next(f), FrameReader::Next::kFrame);
-    EXPECT_EQ(f.type, 17);
-    EXPECT_TRUE(f.payload.empty());
-    auto big = encode_frame(7, {});
-    const uint16_t too_long = kMaxPayload + 1;
-    std::memcpy(big.data() + 4, &too_long, 2);
-    r.append(big.data(), big.size());
-    EXPECT_EQ(r.next(f), FrameReader::Next::kOversized);
 }
 
 }  // namespace

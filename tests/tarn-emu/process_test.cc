@@ -42,17 +42,17 @@ struct Client {
         out.resize(got);
         return out;
     }
+    // The next frame; type 0xffff when the stream ends before it does.
     Frame frame() const
     {
-        Frame f;
-        FrameReader r;
-        auto head = read(kHeaderLen);
-        r.append(head.data(), head.size());
-        uint16_t len = 0;
-        if (head.size() == kHeaderLen) std::memcpy(&len, head.data() + 4, 2);
-        auto body = read(len);
-        r.append(body.data(), body.size());
-        if (r.next(f) != FrameReader::Next::kFrame) f.type = 0xffff;
+        Frame f{0xffff, {}};
+        const auto head = read(kHeaderLen);
+        uint16_t type = 0, len = 0;
+        if (head.size() < kHeaderLen) return f;
+        std::memcpy(&type, head.data() + 2, 2);
+        std::memcpy(&len, head.data() + 4, 2);
+        f.payload = read(len);
+        if (f.payload.size() == len) f.type = type;
         return f;
     }
     uint32_t answer_code() const
@@ -178,6 +178,20 @@ TEST(TarnEmuProcess, ConnectionFaults)
             EXPECT_EQ(errno, k.error);
         }
     }
+}
+
+TEST(TarnEmuProcess, OversizedHeaderEndsTheConnection)
+{
+    TarnEmulator emu;
+    ASSERT_TRUE(emu.running());
+    Client c(emu.connect_client());
+    ASSERT_EQ(c.answer_code(), kAccepted);
+    auto head = encode_frame(kRouteAdd, {});
+    const uint16_t len = kMaxPayload + 1;
+    std::memcpy(head.data() + 4, &len, 2);
+    ASSERT_EQ(::send(c.fd, head.data(), head.size(), MSG_NOSIGNAL), 8);
+    EXPECT_TRUE(c.read(1).empty());
+    EXPECT_TRUE(emu.wait_for_log("client 1: header announces more than 8184 bytes"));
 }
 
 TEST(TarnEmuProcess, StalledReaderBacksUpTheClientUntilResumed)

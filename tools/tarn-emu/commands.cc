@@ -108,7 +108,7 @@ struct Commands {
         if (c == nullptr || (!in.eof() && !(in >> type)) || type > 0xffff) return EINVAL;
         std::vector<uint8_t> bytes = encode_frame(static_cast<uint16_t>(type), std::vector<uint8_t>(64));
         bytes.resize(wire::kHeaderLen + 8);
-        s.enqueue(id, *c, std::move(bytes));
+        s.enqueue(id, *c, {true, 0, std::move(bytes)});
         c->close_when_sent = true;
         return 0;
     }
@@ -125,7 +125,7 @@ struct Commands {
             bytes.push_back(static_cast<uint8_t>(std::strtoul(pair.c_str(), &end, 16)));
             if (end != pair.c_str() + 2) return EINVAL;
         }
-        s.enqueue(id, *c, std::move(bytes));
+        s.enqueue(id, *c, {true, 0, std::move(bytes)});
         return 0;
     }
     static int shutdown(Server &s, std::istream &, std::string &)

@@ -1,4 +1,4 @@
-// Frames on a client connection: header in host order, then the payload,
+// Frames on a client connection (header in host order, then the payload)
 // and the big-endian field access the payloads need.
 #ifndef TARN_TARN_EMU_FRAME_H
 #define TARN_TARN_EMU_FRAME_H
@@ -14,22 +14,9 @@ struct Frame {
     std::vector<uint8_t> payload;
 };
 
-// Header and payload as they go on the wire.
+// Header and payload as they go on the wire, for bytes sent around the
+// pipe (scripted faults, tests).
 std::vector<uint8_t> encode_frame(uint16_t type, const std::vector<uint8_t> &payload);
-
-// Splits a byte stream into frames. A header announcing more than a pipe
-// holds poisons the reader: the connection cannot be resynchronised.
-class FrameReader {
-public:
-    void append(const uint8_t *data, size_t len);
-    enum class Next { kFrame, kNeedMore, kOversized };
-    Next next(Frame &out);
-    size_t buffered() const { return buf_.size() - start_; }
-
-private:
-    std::vector<uint8_t> buf_;
-    size_t start_ = 0;
-};
 
 // Reads fields at an offset; the caller checked the length.
 inline uint32_t get32(const uint8_t *p, size_t off)

@@ -97,7 +97,10 @@ bool Server::listen(std::string &error)
 
 void Server::close_all()
 {
-    for (auto &[id, c] : conns_) ::close(c.fd);
+    for (auto &[id, c] : conns_) {
+        ipc_pipe_destroy(c.pipe);
+        ::close(c.fd);
+    }
     conns_.clear();
     for (auto &c : controls_) ::close(c.fd);
     controls_.clear();
@@ -120,12 +123,20 @@ void Server::accept_clients(int listen_fd)
     for (;;) {
         int fd = ::accept4(listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) return;
+        ipc_pipe_t *pipe = ipc_pipe_create(wire::kBufferSize);
+        if (pipe == nullptr || ipc_pipe_attach_socket(pipe, fd) != 0) {
+            log_.line("connection not served: %s", std::strerror(errno));
+            ipc_pipe_destroy(pipe);
+            ::close(fd);
+            continue;
+        }
         const uint64_t id = next_id_++;
         Conn &c = conns_[id];
         c.fd = fd;
+        c.pipe = pipe;
         bool refused = false;
         Outgoing answer = daemon_.connect(id, refused);
-        enqueue(id, c, encode_frame(answer.frame.type, answer.frame.payload));
+        enqueue(id, c, {false, answer.frame.type, std::move(answer.frame.payload)});
         c.close_when_sent = refused;
     }
 }
@@ -139,22 +150,22 @@ void Server::accept_control()
     }
 }
 
-void Server::enqueue(uint64_t id, Conn &c, std::vector<uint8_t> bytes)
+void Server::enqueue(uint64_t id, Conn &c, Pending p)
 {
-    if (c.queued + bytes.size() > cfg_.queue_bound) {
+    if (c.queued + p.bytes.size() > cfg_.queue_bound) {
         log_.line("client %" PRIu64 ": output queue over %zu bytes", id, cfg_.queue_bound);
         doomed_.push_back(id);
         return;
     }
-    c.queued += bytes.size();
-    c.out.push_back(std::move(bytes));
+    c.queued += p.bytes.size();
+    c.out.push_back(std::move(p));
 }
 
 void Server::deliver(std::vector<Outgoing> frames)
 {
     for (auto &o : frames) {
         auto it = conns_.find(o.client);
-        if (it != conns_.end()) enqueue(o.client, it->second, encode_frame(o.frame.type, o.frame.payload));
+        if (it != conns_.end()) enqueue(o.client, it->second, {false, o.frame.type, std::move(o.frame.payload)});
     }
 }
 
@@ -167,6 +178,8 @@ void Server::drop(uint64_t id, const char *why, bool reset)
         const linger lg{1, 0};
         ::setsockopt(it->second.fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
     }
+    ipc_pipe_detach_socket(it->second.pipe, it->second.fd);
+    ipc_pipe_destroy(it->second.pipe);
     ::close(it->second.fd);
     conns_.erase(it);
     log_.line("client %" PRIu64 ": closed (%s)", id, why);
@@ -175,41 +188,56 @@ void Server::drop(uint64_t id, const char *why, bool reset)
 
 void Server::read_client(uint64_t id, Conn &c)
 {
-    uint8_t buf[16384];
-    ssize_t n = ::recv(c.fd, buf, sizeof buf, MSG_DONTWAIT);
-    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
-        doomed_.push_back(id);
-        return;
-    }
-    if (n < 0) return;
-    c.in.append(buf, static_cast<size_t>(n));
-    Frame f;
+    // The pipe holds one buffer of input: read, hand out what is complete,
+    // and read again until the socket is empty.
     for (;;) {
-        switch (c.in.next(f)) {
-        case FrameReader::Next::kNeedMore: return;
-        case FrameReader::Next::kOversized:
+        const int n = ipc_pipe_read(c.pipe);
+        const int err = n < 0 ? errno : 0;
+        while (ipc_msg_t *msg = ipc_msg_read(c.pipe)) {
+            Frame f{msg->type, std::vector<uint8_t>(ipc_msg_data(msg), ipc_msg_data(msg) + msg->length)};
+            deliver(daemon_.handle(id, f));
+        }
+        ipc_pipe_read_clean(c.pipe);
+        if (n >= 0) continue;
+        if (err == EAGAIN || err == EWOULDBLOCK) return;
+        if (err == EMSGSIZE)
             log_.line("client %" PRIu64 ": header announces more than %zu bytes; not read further",
                       id, wire::kMaxPayload);
-            doomed_.push_back(id);
-            return;
-        case FrameReader::Next::kFrame: deliver(daemon_.handle(id, f)); break;
-        }
+        doomed_.push_back(id);
+        return;
     }
 }
 
 void Server::write_client(uint64_t id, Conn &c)
 {
-    while (!c.out.empty()) {
-        const auto &msg = c.out.front();
-        ssize_t n = ::send(c.fd, msg.data() + c.sent, msg.size() - c.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (n < 0) {
+    for (;;) {
+        if (ipc_pipe_write_pending(c.pipe) > 0) {
+            if (ipc_pipe_write(c.pipe, 0) == 0) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) doomed_.push_back(id);
             return;
         }
-        c.sent += static_cast<size_t>(n);
-        if (c.sent < msg.size()) return;
-        c.queued -= msg.size();
-        c.sent = 0;
+        if (c.out.empty()) break;
+        Pending &p = c.out.front();
+        if (p.raw) {
+            ssize_t n = ::send(c.fd, p.bytes.data() + c.sent, p.bytes.size() - c.sent,
+                               MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (n < 0) {
+                if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) doomed_.push_back(id);
+                return;
+            }
+            c.sent += static_cast<size_t>(n);
+            if (c.sent < p.bytes.size()) return;
+            c.sent = 0;
+        } else {
+            const ipc_msg_t hdr{0, 0, p.type, static_cast<uint16_t>(p.bytes.size()), 0};
+            if (ipc_msg_write(c.pipe, &hdr, p.bytes.data()) != 0) {
+                log_.line("client %" PRIu64 ": message type %u not sent: %s", id, p.type,
+                          std::strerror(errno));
+                doomed_.push_back(id);
+                return;
+            }
+        }
+        c.queued -= p.bytes.size();
         c.out.pop_front();
     }
     if (c.close_when_sent) doomed_.push_back(id);
@@ -275,7 +303,7 @@ int Server::run(int signal_fd)
             // A stalled client is not read: its writes back up into its own
             // queue. Hang-ups still show.
             short ev = c.stalled ? 0 : POLLIN;
-            if (!c.out.empty()) ev |= POLLOUT;
+            if (!c.out.empty() || ipc_pipe_write_pending(c.pipe) > 0) ev |= POLLOUT;
             fds.push_back({c.fd, ev, 0});
             ids.push_back(id);
         }
@@ -309,7 +337,7 @@ int Server::run(int signal_fd)
         }
         // Answers made this round go out at once where the socket has room.
         for (auto &[id, c] : conns_)
-            if (!c.out.empty()) write_client(id, c);
+            if (!c.out.empty() || ipc_pipe_write_pending(c.pipe) > 0) write_client(id, c);
         // Dropping one client may overflow another's queue: the list grows
         // while it is walked.
         for (size_t k = 0; k < doomed_.size(); ++k) drop(doomed_[k], "connection over");

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <qpipe/ipc_pipe.h>
+
 #include "daemon.h"
 #include "emu_log.h"
 #include "frame.h"
@@ -40,11 +42,18 @@ public:
     std::string command(const std::string &line, int &err);
 
 private:
+    // Waiting output: frames go through the pipe, raw bytes (scripted
+    // faults) around it once the pipe has sent everything before them.
+    struct Pending {
+        bool raw;
+        uint16_t type;
+        std::vector<uint8_t> bytes;
+    };
     struct Conn {
         int fd = -1;
-        FrameReader in;
-        std::deque<std::vector<uint8_t>> out;
-        size_t sent = 0;   // of out.front()
+        ipc_pipe_t *pipe = nullptr;
+        std::deque<Pending> out;
+        size_t sent = 0;   // of a raw out.front()
         size_t queued = 0; // bytes in out
         bool stalled = false;
         int64_t stalled_until = 0;  // steady-clock ms; 0: until resumed
@@ -63,7 +72,7 @@ private:
     void write_client(uint64_t id, Conn &c);
     void serve_control(Control &c, short revents);
     void deliver(std::vector<Outgoing> frames);
-    void enqueue(uint64_t id, Conn &c, std::vector<uint8_t> bytes);
+    void enqueue(uint64_t id, Conn &c, Pending p);
     void drop(uint64_t id, const char *why, bool reset = false);
     void close_all();
     int poll_timeout();
