@@ -214,6 +214,19 @@ TEST(TarnEmuProcess, StalledReaderBacksUpTheClientUntilResumed)
               std::string::npos);
 }
 
+TEST(TarnEmuProcess, ClientThatNeverReadsIsDroppedAtTheQueueBound)
+{
+    TarnEmulator emu({"--queue-bound", "4096"});
+    ASSERT_TRUE(emu.running());
+    Client c(emu.connect_client());
+    const auto lookup = encode_frame(kRouteLookup, std::vector<uint8_t>(kRouteFixedLen));
+    // Answers pile up in the socket, then in the emulator, until it gives up.
+    int n = 0;
+    while (n < 100000 && ::send(c.fd, lookup.data(), lookup.size(), MSG_NOSIGNAL) > 0) ++n;
+    EXPECT_LT(n, 100000);
+    EXPECT_TRUE(emu.wait_for_log("client 1: output queue over 4096 bytes"));
+}
+
 TEST(TarnEmuProcess, TcpPortAndControlShutdown)
 {
     TarnEmulator emu({"--tcp", "0"});

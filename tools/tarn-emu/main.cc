@@ -39,7 +39,8 @@ add are installed in the kernel emulator through the routing socket.
   --log FILE       log every event to FILE ("-": standard output)
   --help           this text
 
-SIGTERM, SIGINT or the control command "shutdown" stop it cleanly.
+SIGTERM, SIGINT or the control command "shutdown" stop it cleanly; SIGUSR1
+writes its state into the log.
 )";
 
 enum { kListen = 1, kTcp, kKernel, kControl, kConfig, kLog, kQueue, kHelp };
@@ -113,6 +114,7 @@ int main(int argc, char **argv)
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);
     sigaddset(&mask, SIGINT);
+    sigaddset(&mask, SIGUSR1);
     sigprocmask(SIG_BLOCK, &mask, nullptr);
     signal(SIGPIPE, SIG_IGN);
     int sfd = signalfd(-1, &mask, SFD_CLOEXEC);

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -315,6 +316,10 @@ int Server::run(int signal_fd)
         if (fds[0].revents != 0) {
             signalfd_siginfo si{};
             if (::read(signal_fd, &si, sizeof si) < 0) si.ssi_signo = 0;
+            if (si.ssi_signo == SIGUSR1) {
+                log_.lines("state: ", daemon_.dump());
+                continue;
+            }
             log_.line("signal %u, shutting down", si.ssi_signo);
             break;
         }

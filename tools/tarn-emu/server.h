@@ -36,6 +36,7 @@ public:
     bool listen(std::string &error);
     // Serves until SIGTERM or SIGINT (delivered through `signal_fd`) or a
     // "shutdown" command; removes the socket files. The exit status.
+    // SIGUSR1 logs the daemon's state.
     int run(int signal_fd);
 
     // One control command line: its output; `err` gets 0 or an errno value.
