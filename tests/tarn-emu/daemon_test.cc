@@ -238,6 +238,24 @@ TEST_F(DaemonTest, RouteChangesReachKernelAndFlashRegistrants)
     EXPECT_EQ(get16(out[0].frame.payload.data(), 12), 2);
 }
 
+TEST_F(DaemonTest, RegistrationsGetHandlesAndTheLowestFreeIndex)
+{
+    // ospf holds gateway 1, index 1.
+    const auto isis = send(2, kProtoRegister, registration("isis"));
+    ASSERT_EQ(isis[0].frame.payload.size(), 16u);
+    const uint8_t *p = isis[0].frame.payload.data();
+    EXPECT_EQ(get32(p, 4), 7u);  // value_b echoed
+    EXPECT_EQ(get32(p, 8), 2u);
+    EXPECT_EQ(get16(p, 12), 2);
+    const auto bye = send(1, kProtoUnregister, PayloadWriter().u32(33).u32(1).take());
+    EXPECT_EQ(code(bye), kOk);
+    EXPECT_EQ(get32(bye[0].frame.payload.data(), 4), 33u);
+    EXPECT_TRUE(kernel_.routes.empty());  // ospf's route went with it
+    const auto bgp = send(1, kProtoRegister, registration("bgp"));
+    EXPECT_EQ(get32(bgp[0].frame.payload.data(), 8), 3u);  // handles are not reused
+    EXPECT_EQ(get16(bgp[0].frame.payload.data(), 12), 1);  // indexes are
+}
+
 TEST_F(DaemonTest, KernelRefusalIsAddFailed)
 {
     kernel_.fail_next = EEXIST;

@@ -73,30 +73,26 @@ std::vector<uint8_t> registration(const std::string &name)
         .take();
 }
 
-std::vector<uint8_t> route_add(uint32_t gateway)
+std::vector<uint8_t> route_add(uint32_t gateway, uint32_t table, uint32_t ifl)
 {
+    PayloadWriter w;
+    w.u32(9).u32(table).u32(gateway).u16(0).u8(0).u8(kFamilyInet).u8(10).u8(9).zeros(14);
+    w.u16(16).u16(1).u32(5).u32(ifl).u8(kFamilyInet).zeros(3).u8(192).zeros(15);
+    return w.take();
+}
+
+std::vector<uint8_t> named(const char *name)
+{
+    const size_t n = std::strlen(name) + 1;
     return PayloadWriter()
-        .u32(9)
-        .u32(0)
-        .u32(gateway)
+        .u32(3)
+        .u16(static_cast<uint32_t>(n))
         .u16(0)
-        .u8(0)
-        .u8(kFamilyInet)
-        .u8(10)
-        .u8(9)
-        .zeros(14)
-        .u16(16)
-        .u16(1)
-        .u32(5)
-        .u32(4)
-        .u8(kFamilyInet)
-        .zeros(3)
-        .u8(192)
-        .zeros(15)
+        .bytes(reinterpret_cast<const uint8_t *>(name), n)
         .take();
 }
 
-TEST(TarnEmuProcess, RegisteredProtocolsRouteReachesTheKernel)
+TEST(TarnEmuProcess, RoutesAndTablesGoThroughTheKernel)
 {
     TarnEmulator emu;
     ASSERT_TRUE(emu.running());
@@ -109,14 +105,28 @@ TEST(TarnEmuProcess, RegisteredProtocolsRouteReachesTheKernel)
     Frame reg = c.frame();
     ASSERT_EQ(reg.type, kProtoRegisterReply);
     ASSERT_EQ(get32(reg.payload.data(), 0), kOk);
-    c.send(kRouteAdd, route_add(get32(reg.payload.data(), 8)));
-    Frame add = c.frame();
-    ASSERT_EQ(add.type, kRouteAddReply);
-    EXPECT_EQ(get32(add.payload.data(), 0), kOk);
-    EXPECT_EQ(get32(add.payload.data(), 4), 9u);
+    const uint32_t gw = get32(reg.payload.data(), 8);
 
-    EXPECT_NE(command(-1, "dump").find("route 0 af 2 0a09/16 type 1 nh 1 nhidx 4"), std::string::npos)
-        << command(-1, "dump");
+    const struct {
+        uint16_t type;
+        std::vector<uint8_t> payload;
+        uint32_t code;
+        const char *in_kernel;  // a line the kernel's dump has afterwards
+    } steps[] = {
+        {kTableLocate, named("default"), kOk, "table 0 af 2 name \"default\""},
+        {kTableLocate, named("nosuch"), kTableNotFound, ""},
+        {kRouteAdd, route_add(gw, 7, 4), kAddBadTable, ""},
+        {kRouteAdd, route_add(gw, 0, 4), kOk, "route 0 af 2 0a09/16 type 1 nh 1 nhidx 4"},
+        {kRouteAdd, route_add(gw, 0, 6), kOk, "route 0 af 2 0a09/16 type 1 nh 1 nhidx 6"},
+    };
+    for (const auto &s : steps) {
+        SCOPED_TRACE(s.in_kernel);
+        c.send(s.type, s.payload);
+        Frame reply = c.frame();
+        ASSERT_GE(reply.payload.size(), 12u);
+        EXPECT_EQ(get32(reply.payload.data(), 0), s.code);
+        EXPECT_NE(command(-1, "dump").find(s.in_kernel), std::string::npos) << command(-1, "dump");
+    }
     const std::string dump = emu.control("dump");
     EXPECT_EQ(dump.rfind("ok\n", 0), 0u);
     EXPECT_NE(dump.find("client 1 \"ospfd\""), std::string::npos) << dump;
@@ -206,7 +216,7 @@ TEST(TarnEmuProcess, StalledReaderBacksUpTheClientUntilResumed)
     while (::send(c.fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) ++sent;
     EXPECT_EQ(errno, EAGAIN);
     ASSERT_EQ(emu.control("resume 1"), "ok\n");
-    c.send(kLocalAs, PayloadWriter().u32(3).u16(7).u16(0).bytes(reinterpret_cast<const uint8_t *>("master"), 7).take());
+    c.send(kLocalAs, named("master"));
     Frame as = c.frame();
     ASSERT_EQ(as.type, kLocalAsReply);
     EXPECT_EQ(get32(as.payload.data(), 8), 64512u);

@@ -455,6 +455,8 @@ void RoutingDaemon::route_lookup(Out &out, const Frame &f)
     }
     static const Route kNone;
     const Route &r = code == kOk && it != routes_.end() ? it->second : kNone;
+    log_.line("client %" PRIu64 ": route lookup %s/%u table %u -> %u", out.client(),
+              address_text(rq.key.family, rq.key.prefix).c_str(), rq.key.plen, rq.table, code);
     PayloadWriter w;
     w.u32(code).u32(rq.cookie).u32(rq.table).u16(rq.key.plen).u8(rq.key.family);
     w.u8(static_cast<uint32_t>(r.hops.size())).bytes(rq.key.prefix.data(), rq.key.prefix.size());
