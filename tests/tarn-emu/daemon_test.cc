@@ -19,7 +19,7 @@ std::vector<uint8_t> registration(const std::string &name, uint16_t family = 0, 
     return w.take();
 }
 
-struct RouteSpec {
+struct RouteFields {
     uint32_t cookie = 99, table = 0, gateway = 1;
     uint8_t family = kFamilyInet;
     uint8_t first = 10, second = 1;  // prefix bytes
@@ -30,7 +30,7 @@ struct RouteSpec {
     size_t hops_sent = 1;
 };
 
-std::vector<uint8_t> route(const RouteSpec &r)
+std::vector<uint8_t> route(const RouteFields &r)
 {
     PayloadWriter w;
     w.u32(r.cookie).u32(r.table).u32(r.gateway).u16(0).u8(0).u8(r.family);
@@ -100,10 +100,10 @@ TEST_F(DaemonTest, NaturalCausesReachTheirResultCodes)
         uint16_t reply;
         uint32_t code;
     };
-    RouteSpec host_bits;
+    RouteFields host_bits;
     host_bits.second = 1;
     host_bits.plen = 8;
-    RouteSpec many, bad_family, long_v4, other_table, bad_gw, no_ifl, bad_hop, absent, v6_long;
+    RouteFields many, bad_family, long_v4, other_table, bad_gw, no_ifl, bad_hop, absent, v6_long;
     many.hops = 17;
     many.hops_sent = 0;
     bad_family.family = 2;
@@ -115,7 +115,7 @@ TEST_F(DaemonTest, NaturalCausesReachTheirResultCodes)
     absent.second = 2;
     v6_long.family = kFamilyInet6;
     v6_long.plen = 129;
-    RouteSpec wrong_cookie;
+    RouteFields wrong_cookie;
     wrong_cookie.cookie = 100;
     const Case cases[] = {
         {"duplicate name", 2, kProtoRegister, registration("ospf"), kProtoRegisterReply, kRegInUse},
@@ -205,11 +205,11 @@ TEST_F(DaemonTest, RouteChangesReachKernelAndFlashRegistrants)
     ASSERT_EQ(code(send(2, kFlashRegister, flash_reg(1, 0))), kOk);
     struct Step {
         uint16_t type;
-        RouteSpec spec;
+        RouteFields fields;
         const char *kernel_call;
         uint32_t kind;
     };
-    RouteSpec fresh{.second = 2}, moved{.second = 2, .ifl = 4};
+    RouteFields fresh{.second = 2}, moved{.second = 2, .ifl = 4};
     const Step steps[] = {
         {kRouteAdd, fresh, "add", kFlashAdded},
         {kRouteAdd, moved, "change", kFlashChanged},
@@ -218,7 +218,7 @@ TEST_F(DaemonTest, RouteChangesReachKernelAndFlashRegistrants)
     for (const auto &s : steps) {
         SCOPED_TRACE(s.kernel_call);
         kernel_.calls.clear();
-        const auto out = send(1, s.type, route(s.spec));
+        const auto out = send(1, s.type, route(s.fields));
         ASSERT_EQ(out.size(), 2u);
         EXPECT_EQ(code(out), kOk);
         EXPECT_EQ(kernel_.calls, std::vector<std::string>{s.kernel_call});
@@ -230,7 +230,7 @@ TEST_F(DaemonTest, RouteChangesReachKernelAndFlashRegistrants)
         EXPECT_EQ(get32(p, 4), 0u);   // no cookie in a notification
         EXPECT_EQ(p[17], 2);          // the prefix's second byte
         EXPECT_EQ(get32(p, 40), s.kind);
-        EXPECT_EQ(get32(p, 44), s.spec.ifl);
+        EXPECT_EQ(get32(p, 44), s.fields.ifl);
     }
     // The add's reply carries one handle per next hop.
     const auto out = send(1, kRouteAdd, route({.second = 3, .hops = 2, .hops_sent = 2}));
@@ -302,7 +302,7 @@ TEST_F(DaemonTest, ScriptedRefusalsComeFirst)
 
 TEST_F(DaemonTest, MalformedRequestsGetNoAnswer)
 {
-    RouteSpec missing_hops{.hops = 2, .hops_sent = 1};
+    RouteFields missing_hops{.hops = 2, .hops_sent = 1};
     auto bad_name = named("blue");
     bad_name[5] = 200;  // name length past the payload
     const struct {
