@@ -40,6 +40,7 @@ Address read_address(const uint8_t *p, size_t off)
 // A name field: at most `n` bytes, cut at the first NUL.
 std::string read_name(const uint8_t *p, size_t n)
 {
+    if (n == 0) return {};  // an empty payload has no storage at all
     return std::string(reinterpret_cast<const char *>(p), strnlen(reinterpret_cast<const char *>(p), n));
 }
 
