@@ -177,7 +177,9 @@ TEST_F(DaemonTest, ForcedResultsOverrideOnceAndTouchNothing)
         uint32_t code;
     } cases[] = {
         {kProtoRegister, registration("bgp"), 2},
+        {kProtoUnregister, PayloadWriter().u32(1).u32(1).take(), 0},
         {kProtoUnregister, PayloadWriter().u32(1).u32(1).take(), 4},
+        {kRouteAdd, route({.second = 9}), 0},
         {kRouteAdd, route({.second = 9}), 11},
         {kRouteAdd, route({.second = 9}), 14},
         {kRouteAdd, route({.second = 9}), 19},

@@ -142,7 +142,8 @@ const Commands::Entry Commands::kTable[] = {
      "registrations, aliases and counters, one a line (also into the log)",
      dump},
     {"force", "TYPE CODE [N]",
-     "answer the next N (1) requests of message type TYPE with result CODE, whatever they ask",
+     "answer the next N (1) requests of message type TYPE with result CODE, whatever they ask; "
+     "they change nothing",
      force},
     {"refuse", "[N] [CODE]", "refuse the next N (1) connections with CODE (61), then close them",
      refuse},

@@ -222,7 +222,8 @@ void RoutingDaemon::proto_register(Out &out, const Frame &f)
     const std::string name = read_name(p + kProtoRegFixedLen, n);
 
     uint32_t code = kOk;
-    if (!forced(f.type, code)) {
+    const bool scripted = forced(f.type, code);
+    if (!scripted) {
         const bool address_ok = (family == 0 && alen == 0) ||
                                 (family == kFamilyInet && alen == 4) ||
                                 (family == kFamilyInet6 && alen == 16);
@@ -236,7 +237,7 @@ void RoutingDaemon::proto_register(Out &out, const Frame &f)
     }
     uint32_t gateway = 0;
     uint16_t index = 0;
-    if (code == kOk) {
+    if (code == kOk && !scripted) {
         Protocol proto;
         proto.name = name;
         proto.client = out.client();
@@ -263,14 +264,15 @@ void RoutingDaemon::proto_unregister(Out &out, const Frame &f)
     if (f.payload.size() < 8) return (void)malformed(out.client(), f, "short");
     const uint32_t value_2 = get32(f.payload.data(), 0), gateway = get32(f.payload.data(), 4);
     uint32_t code = kOk;
-    if (!forced(f.type, code)) {
+    const bool scripted = forced(f.type, code);
+    if (!scripted) {
         auto it = protocols_.find(gateway);
         if (it == protocols_.end())
             code = kUnregNotFound;
         else if (it->second.client != out.client())
             code = kUnregOther;
     }
-    if (code == kOk && protocols_.count(gateway)) {
+    if (code == kOk && !scripted && protocols_.count(gateway)) {
         withdraw(out, gateway);
         protocols_.erase(gateway);
     }
@@ -359,7 +361,8 @@ void RoutingDaemon::route_add(Out &out, const Frame &f)
     }
 
     uint32_t code = kOk;
-    if (!forced(f.type, code)) {
+    const bool scripted = forced(f.type, code);
+    if (!scripted) {
         if (too_many)
             code = kAddEcmpLimit;
         else if (!rq.family_ok || (!rq.too_long && !rq.clean))
@@ -379,7 +382,7 @@ void RoutingDaemon::route_add(Out &out, const Frame &f)
         }
     }
     std::vector<uint32_t> handles;
-    if (code == kOk) {
+    if (code == kOk && !scripted) {
         auto it = routes_.find(rq.key);
         const bool exists = it != routes_.end();
         const int err = exists ? kernel_.change(rq.key, route) : kernel_.add(rq.key, route);
@@ -413,7 +416,8 @@ void RoutingDaemon::route_delete(Out &out, const Frame &f)
     const RouteRequest rq = read_route(f.payload.data());
     uint32_t code = kOk;
     auto it = routes_.find(rq.key);
-    if (!forced(f.type, code)) {
+    const bool scripted = forced(f.type, code);
+    if (!scripted) {
         if (rq.too_long)
             code = kDelMaskTooLong;
         else if (!rq.family_ok || !kernel_.table_exists(rq.table, rq.key.family))
@@ -424,7 +428,7 @@ void RoutingDaemon::route_delete(Out &out, const Frame &f)
             code = kDelCookieMismatch;
     }
     Out notes(out.client());
-    if (code == kOk && it != routes_.end()) {
+    if (code == kOk && !scripted && it != routes_.end()) {
         if (int err = kernel_.remove(rq.key))
             log_.line("client %" PRIu64 ": kernel refused the delete: %s", out.client(),
                       std::strerror(err));
@@ -444,7 +448,8 @@ void RoutingDaemon::route_lookup(Out &out, const Frame &f)
     const RouteRequest rq = read_route(f.payload.data());
     uint32_t code = kOk;
     auto it = routes_.find(rq.key);
-    if (!forced(f.type, code)) {
+    const bool scripted = forced(f.type, code);
+    if (!scripted) {
         if (!rq.family_ok || (!rq.too_long && !rq.clean))
             code = kLookupBadPrefix;
         else if (rq.too_long)
@@ -516,7 +521,8 @@ void RoutingDaemon::change_gateway(Out &out, const Frame &f)
     const uint8_t family = p[12];
     const Address addr = read_address(p, 16);
     uint32_t code = kOk;
-    if (!forced(f.type, code)) {
+    const bool scripted = forced(f.type, code);
+    if (!scripted) {
         if (!protocols_.count(gateway))
             code = kGwBadHandle;
         else if (ifl == 0 || !valid_family(family))
@@ -525,7 +531,7 @@ void RoutingDaemon::change_gateway(Out &out, const Frame &f)
     std::set<uint32_t> tables;
     Out notes(out.client());
     for (auto &[key, route] : routes_) {
-        if (code != kOk || route.gateway != gateway) continue;
+        if (code != kOk || scripted || route.gateway != gateway) continue;
         bool changed = false;
         for (auto &h : route.hops)
             if (h.ifl == ifl) {
@@ -564,7 +570,8 @@ void RoutingDaemon::flash_register(Out &out, const Frame &f)
         return (void)malformed(out.client(), f, "filter beyond the payload");
     const FlashKey key{out.client(), reg.c};
     uint32_t code = kOk;
-    if (!forced(f.type, code)) {
+    const bool scripted = forced(f.type, code);
+    if (!scripted) {
         const bool filter_ok = (reg.filter_kind == 0 && filter_len == 0) ||
                                ((reg.filter_kind == 1 || reg.filter_kind == 2) &&
                                 filter_len == kFlashFilterLen);
@@ -578,7 +585,7 @@ void RoutingDaemon::flash_register(Out &out, const Frame &f)
                  !kernel_.table_exists(reg.c, kFamilyInet6))
             code = kFlashBadTable;
     }
-    if (code == kOk) {
+    if (code == kOk && !scripted) {
         if (op == kFlashOpDelete)
             flash_.erase(key);
         else
@@ -597,8 +604,9 @@ void RoutingDaemon::alias(Out &out, const Frame &f)
     const std::vector<uint8_t> record(p + 4, p + kAliasLen);
     auto &mine = aliases_[out.client()];
     uint32_t code = kOk;
-    if (!forced(f.type, code) && !add && !mine.count(record)) code = kAliasDelRouteFailed;
-    if (code == kOk) {
+    const bool scripted = forced(f.type, code);
+    if (!scripted && !add && !mine.count(record)) code = kAliasDelRouteFailed;
+    if (code == kOk && !scripted) {
         if (add)
             mine.insert(record);
         else

@@ -81,8 +81,8 @@ public:
     std::vector<Outgoing> disconnect(uint64_t client);
     std::vector<Outgoing> handle(uint64_t client, const Frame &frame);
 
-    // The next `count` results of request type `type` are `code`, whatever
-    // the request.
+    // The next `count` requests of type `type` are answered with `code`,
+    // whatever they ask, and change nothing (a forced 0 included).
     void force(uint16_t type, uint32_t code, uint32_t count);
     // The next `count` connections are refused with `code`.
     void refuse(uint32_t code, uint32_t count);
