@@ -62,6 +62,26 @@ std::string address_text(uint8_t family, const Address &a)
     return s;
 }
 
+// A request naming something: u32 cookie, u16 name length, u16 0, the name.
+bool read_named(const Frame &f, uint32_t &cookie, std::string &name)
+{
+    const uint8_t *p = f.payload.data();
+    if (f.payload.size() < kNamedRequestLen || get16(p, 4) > f.payload.size() - kNamedRequestLen)
+        return false;
+    cookie = get32(p, 0);
+    name = read_name(p + kNamedRequestLen, get16(p, 4));
+    return true;
+}
+
+// An update list: u32 count, then that many records of `len` bytes. The
+// first record, or null when the count promises more than there is.
+const uint8_t *read_list(const Frame &f, size_t len, uint32_t &count)
+{
+    if (f.payload.size() < 4) return nullptr;
+    count = get32(f.payload.data(), 0);
+    return count > (f.payload.size() - 4) / len ? nullptr : f.payload.data() + 4;
+}
+
 void put_hops(PayloadWriter &w, const std::vector<NextHop> &hops)
 {
     for (const auto &h : hops)
@@ -80,6 +100,11 @@ public:
     void to(uint64_t client, uint16_t type, std::vector<uint8_t> payload)
     {
         frames_.push_back({client, {type, std::move(payload)}});
+    }
+    // Frames made aside, to go after those made so far.
+    void append(Out &&other)
+    {
+        for (auto &o : other.frames_) frames_.push_back(std::move(o));
     }
     std::vector<Outgoing> take() { return std::move(frames_); }
 
@@ -382,6 +407,9 @@ void RoutingDaemon::route_add(Out &out, const Frame &f)
         }
     }
     std::vector<uint32_t> handles;
+    // The requester hears its answer before the notifications, like a
+    // daemon that answers and then runs its flash queue.
+    Out notes(out.client());
     if (code == kOk && !scripted) {
         auto it = routes_.find(rq.key);
         const bool exists = it != routes_.end();
@@ -393,7 +421,7 @@ void RoutingDaemon::route_add(Out &out, const Frame &f)
         } else {
             routes_[rq.key] = route;
             for (size_t i = 0; i < route.hops.size(); ++i) handles.push_back(next_route_handle_++);
-            flash(out, rq.key, route, exists ? kFlashChanged : kFlashAdded);
+            flash(notes, rq.key, route, exists ? kFlashChanged : kFlashAdded);
         }
     }
     log_.line("client %" PRIu64 ": route add %s/%u table %u -> %u", out.client(),
@@ -402,12 +430,8 @@ void RoutingDaemon::route_add(Out &out, const Frame &f)
     w.u32(code).u32(rq.cookie).u32(rq.alias_key).u16(static_cast<uint32_t>(handles.size()));
     w.u8(rq.alias_flag).u8(0);
     for (uint32_t h : handles) w.u32(h);
-    // Notifications made by the add went into `out` first; the requester
-    // hears its answer before them, like a daemon that answers and then runs
-    // its flash queue.
-    std::vector<Outgoing> rest = out.take();
     out.reply(kRouteAddReply, w.take());
-    for (auto &o : rest) out.to(o.client, o.frame.type, std::move(o.frame.payload));
+    out.append(std::move(notes));
 }
 
 void RoutingDaemon::route_delete(Out &out, const Frame &f)
@@ -439,7 +463,7 @@ void RoutingDaemon::route_delete(Out &out, const Frame &f)
               address_text(rq.key.family, rq.key.prefix).c_str(), rq.key.plen, rq.table, code);
     out.reply(kRouteDeleteReply,
               PayloadWriter().u32(code).u32(rq.cookie).u32(rq.alias_key).u8(rq.alias_flag).zeros(3).take());
-    for (auto &o : notes.take()) out.to(o.client, o.frame.type, std::move(o.frame.payload));
+    out.append(std::move(notes));
 }
 
 void RoutingDaemon::route_lookup(Out &out, const Frame &f)
@@ -473,11 +497,9 @@ void RoutingDaemon::route_lookup(Out &out, const Frame &f)
 
 void RoutingDaemon::table_locate(Out &out, const Frame &f)
 {
-    const uint8_t *p = f.payload.data();
-    if (f.payload.size() < kNamedRequestLen || get16(p, 4) > f.payload.size() - kNamedRequestLen)
-        return (void)malformed(out.client(), f, "name beyond the payload");
-    const uint32_t cookie = get32(p, 0);
-    const std::string name = read_name(p + kNamedRequestLen, get16(p, 4));
+    uint32_t cookie = 0;
+    std::string name;
+    if (!read_named(f, cookie, name)) return (void)malformed(out.client(), f, "name beyond the payload");
     uint32_t code = kOk, table = 0;
     if (!forced(f.type, code) && !kernel_.table_by_name(name, table)) code = kTableNotFound;
     log_.line("client %" PRIu64 ": locate table \"%s\" -> %u (table %u)", out.client(), name.c_str(),
@@ -487,11 +509,9 @@ void RoutingDaemon::table_locate(Out &out, const Frame &f)
 
 void RoutingDaemon::local_as(Out &out, const Frame &f)
 {
-    const uint8_t *p = f.payload.data();
-    if (f.payload.size() < kNamedRequestLen || get16(p, 4) > f.payload.size() - kNamedRequestLen)
-        return (void)malformed(out.client(), f, "name beyond the payload");
-    const uint32_t cookie = get32(p, 0);
-    const std::string name = read_name(p + kNamedRequestLen, get16(p, 4));
+    uint32_t cookie = 0;
+    std::string name;
+    if (!read_named(f, cookie, name)) return (void)malformed(out.client(), f, "name beyond the payload");
     uint32_t code = kLocalAsNotFound;
     LocalAs found;
     for (const auto &inst : cfg_.instances)
@@ -551,7 +571,7 @@ void RoutingDaemon::change_gateway(Out &out, const Frame &f)
     w.u32(code).u32(cookie).u16(static_cast<uint32_t>(tables.size())).u16(0);
     for (uint32_t t : tables) w.u32(t);
     out.reply(kChangeGatewayReply, w.take());
-    for (auto &o : notes.take()) out.to(o.client, o.frame.type, std::move(o.frame.payload));
+    out.append(std::move(notes));
 }
 
 void RoutingDaemon::flash_register(Out &out, const Frame &f)
@@ -620,32 +640,27 @@ void RoutingDaemon::alias(Out &out, const Frame &f)
 
 void RoutingDaemon::bandwidth(Out &out, const Frame &f)
 {
-    const uint8_t *p = f.payload.data();
-    if (f.payload.size() < 4 ||
-        get32(p, 0) > (f.payload.size() - 4) / kBandwidthRecordLen)
-        return (void)malformed(out.client(), f, "records beyond the payload");
+    uint32_t n = 0;
+    const uint8_t *p = read_list(f, kBandwidthRecordLen, n);
+    if (p == nullptr) return (void)malformed(out.client(), f, "records beyond the payload");
     ++counters_["bandwidth-update"];
-    for (uint32_t i = 0, n = get32(p, 0); i < n; ++i) {
-        const size_t off = 4 + kBandwidthRecordLen * i;
-        bandwidth_[get32(p, off)] = get32(p, off + 4);
-        log_.line("client %" PRIu64 ": bandwidth of ifl %u is %u kbit/s", out.client(),
-                  get32(p, off), get32(p, off + 4));
+    for (uint32_t i = 0; i < n; ++i, p += kBandwidthRecordLen) {
+        bandwidth_[get32(p, 0)] = get32(p, 4);
+        log_.line("client %" PRIu64 ": bandwidth of ifl %u is %u kbit/s", out.client(), get32(p, 0),
+                  get32(p, 4));
     }
 }
 
 void RoutingDaemon::neighbour_down(Out &out, const Frame &f)
 {
-    const uint8_t *p = f.payload.data();
-    if (f.payload.size() < 4 ||
-        get32(p, 0) > (f.payload.size() - 4) / kNeighbourRecordLen)
-        return (void)malformed(out.client(), f, "records beyond the payload");
+    uint32_t n = 0;
+    const uint8_t *p = read_list(f, kNeighbourRecordLen, n);
+    if (p == nullptr) return (void)malformed(out.client(), f, "records beyond the payload");
     ++counters_["neighbour-down"];
-    for (uint32_t i = 0, n = get32(p, 0); i < n; ++i) {
-        const size_t off = 4 + kNeighbourRecordLen * i;
-        ++counters_["neighbours-down"];
+    counters_["neighbours-down"] += n;
+    for (uint32_t i = 0; i < n; ++i, p += kNeighbourRecordLen)
         log_.line("client %" PRIu64 ": neighbour %s on ifl %u down", out.client(),
-                  address_text(p[off + 4], read_address(p, off + 8)).c_str(), get32(p, off));
-    }
+                  address_text(p[4], read_address(p, 8)).c_str(), get32(p, 0));
 }
 
 std::string RoutingDaemon::dump() const
