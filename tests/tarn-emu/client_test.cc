@@ -2,6 +2,7 @@
 // wire agree on every layout a session uses.
 #include <poll.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -68,13 +69,15 @@ public:
     ~ClientSession() { tarn_session_handle_free(s_); }
     tarn_session_handle *get() const { return s_; }
     Seen &seen() { return seen_; }
-    // Dispatches one message, waiting for it; false when none comes.
+    // Dispatches one message, waiting for it; false when none comes. One
+    // read may bring several, and the session hands out one per call.
     bool next()
     {
         pollfd p{tarn_session_handle_descriptor(s_), POLLIN, 0};
-        while (::poll(&p, 1, 5000) == 1)
+        for (;;) {
             if (tarn_session_reply_get(s_) == 0) return true;
-        return false;
+            if ((errno != EAGAIN && errno != ENOMSG) || ::poll(&p, 1, 5000) != 1) return false;
+        }
     }
 
 private:
