@@ -2,11 +2,14 @@ include(CMakePackageConfigHelpers)
 
 # The event library is a shared object of its own that libtarn depends on;
 # both go into the same export set (tarn::tarn, tarn::eventlib).
-install(TARGETS tarn tarn_eventlib EXPORT tarnTargets
+install(TARGETS tarn tarn_eventlib qpipe EXPORT tarnTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tarn
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/qpipe
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/isc

@@ -21,5 +21,6 @@
 #include <tarn/tarn_lsping.h>
 #include <tarn/idl_types.h>
 #include <tarn/rtslib_format.h>
+#include <tarn/tarn_client.h>
 
 #endif /* TARN_TARN_H */

@@ -5,6 +5,7 @@
  * first, 2: ours last) and TARN_HEADERS_FN set. */
 #if TARN_HEADERS_ORDER == 1
 #include <tarn/tarn.h>
+#include <qpipe/ipc_pipe.h>
 #endif
 #include <sys/socket.h>
 #include <netinet/in.h>
@@ -15,6 +16,7 @@
 #include <netdb.h>
 #if TARN_HEADERS_ORDER == 2
 #include <tarn/tarn.h>
+#include <qpipe/ipc_pipe.h>
 #endif
 
 #ifdef __cplusplus

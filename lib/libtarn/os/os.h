@@ -75,6 +75,20 @@ int kernel_errno(uint32_t wire);
 // Closes a routing-socket descriptor.
 int route_socket_close(int fd);
 
+// Routing-daemon session sockets (stream sockets, local or IPv4).
+
+// Asks that the stream socket `fd` take a message of `len` bytes only whole:
+// 0 when it will, -1 with EAGAIN when it has no room for all of it now (or
+// the socket's error). The target sets the send low-water mark to `len` (a
+// local socket's mark is read back and must match). Linux refuses that
+// option, so the host compares the bytes queued with the send buffer, never
+// claiming room that is not there.
+int session_send_room(int fd, bool local, uint32_t len);
+
+// Passes `value` to the target's IP-level option 109 of an IPv4 session
+// socket before it connects; the result is the caller's to ignore.
+int session_ip_option(int fd, uint32_t value);
+
 }  // namespace tarn::os
 
 #endif  // LIBTARN_OS_OS_H

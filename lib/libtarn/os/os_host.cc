@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -332,6 +334,28 @@ int kernel_errno(uint32_t wire)
 int route_socket_close(int fd)
 {
     return ::close(fd);
+}
+
+int session_send_room(int fd, bool, uint32_t len)
+{
+    // Bytes still in the socket (for a local socket this counts buffer
+    // overhead too, which errs on the side of "no room").
+    int queued = 0;
+    int sndbuf = 0;
+    socklen_t optlen = sizeof sndbuf;
+    if (::ioctl(fd, SIOCOUTQ, &queued) != 0) return -1;
+    if (::getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, &optlen) != 0) return -1;
+    if (queued < 0 || sndbuf < 0 || static_cast<uint64_t>(queued) + len > static_cast<uint64_t>(sndbuf)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return 0;
+}
+
+int session_ip_option(int, uint32_t)
+{
+    // Linux has no such option; nothing to pass on.
+    return 0;
 }
 
 }  // namespace tarn::os

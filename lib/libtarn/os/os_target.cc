@@ -94,4 +94,23 @@ int route_socket_close(int fd)
     return ::close(fd);
 }
 
+int session_send_room(int fd, bool local, uint32_t len)
+{
+    int mark = static_cast<int>(len);
+    if (::setsockopt(fd, SOL_SOCKET, SO_SNDLOWAT, &mark, sizeof mark) != 0) return -1;
+    if (!local) return 0;
+    int back = 0;
+    socklen_t back_len = sizeof back;
+    if (::getsockopt(fd, SOL_SOCKET, SO_SNDLOWAT, &back, &back_len) != 0 || back != mark) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return 0;
+}
+
+int session_ip_option(int fd, uint32_t value)
+{
+    return ::setsockopt(fd, 0 /* IPPROTO_IP */, 109, &value, sizeof value);
+}
+
 }  // namespace tarn::os
