@@ -24,14 +24,11 @@
 #include <tarn/compress.h>
 #endif
 
-struct report_log {
-    int count;
-    int mismatches;
-};
+#include "demo.h"
 
 /* Our own error sink: the library's reports are shown indented, and a fatal
  * one does not end the process, so the demo can explain what happened. */
-static int demo_sink(rtslib_cookie *handle, void *arg, int level, const char *text)
+int demo_sink(rtslib_cookie *handle, void *arg, int level, const char *text)
 {
     struct report_log *log = arg;
     size_t len = strlen(text);
@@ -43,7 +40,7 @@ static int demo_sink(rtslib_cookie *handle, void *arg, int level, const char *te
     return 0;
 }
 
-static const char *ok_or(int rc)
+const char *ok_or(int rc)
 {
     return rc == 0 ? "ok" : strerror(rc);
 }
@@ -471,6 +468,7 @@ int main(void)
     demo_notifications(h, &log);
     demo_interfaces(&log);
     demo_gencfg(&log);
+    demo_routing_daemon(&log);
 
     rtslib_close(h);
     printf("Handle closed.\n");
