@@ -18,6 +18,10 @@
 #include <tarn/rtslib_async.h>
 #include <tarn/rtslib_msg.h>
 
+#ifdef TARN_MONITOR_HAVE_COMPRESS
+#include <tarn/compress.h>
+#endif
+
 #include "monitor.h"
 
 namespace tarn::monitor {
@@ -213,6 +217,9 @@ int run_watch(const Options &opts)
     int status = kExitFailure;
     const int sfd = signal_descriptor();
     int rc = sfd < 0 ? errno : rtslib_set_async_info_nocontext(session.handle, nullptr);
+#ifdef TARN_MONITOR_HAVE_COMPRESS
+    rtslib_init_blob_compression(session.handle, tarn_zlib_compress, tarn_zlib_decompress);
+#endif
     std::string watched;
     for (const Registration *r : chosen) {
         if (rc != 0) break;
