@@ -15,11 +15,12 @@ constexpr const char *kDefaultKernelSocket = "/tmp/tarn-kernel.sock";
 // Sender id of the monitor's requests.
 constexpr uint8_t kSenderId = 0;
 
-// The library's reports go to stderr, one line each; none ends the process.
-int report_sink(rtslib_cookie *, void *arg, int, const char *text)
+// The library's warnings and errors go to stderr, one line each; none ends
+// the process. Its debug and information notes would drown the messages.
+int report_sink(rtslib_cookie *, void *arg, int level, const char *text)
 {
     const auto *session = static_cast<const Session *>(arg);
-    if (session->quiet) return 0;
+    if (session->quiet || level < RTSLIB_LOG_WARNING) return 0;
     size_t len = std::strlen(text);
     while (len > 0 && text[len - 1] == '\n') len--;
     std::fprintf(stderr, "tarn-monitor: %.*s\n", static_cast<int>(len), text);
