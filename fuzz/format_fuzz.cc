@@ -3,8 +3,9 @@
 // the library's decoder (any member type), or, when it is not one, a raw
 // message of a type without a record, copied to a block of exactly its
 // length word (at least the header) so that the sanitizers see any read past
-// it. Checked beyond "no crash": nothing is written past the buffer, the text
-// is terminated inside it, and the message is unchanged.
+// it. The walker also reads every decoded record. Checked beyond "no
+// crash": nothing is written past the buffer, the text is terminated inside
+// it, and the message is unchanged.
 #include <cstring>
 #include <vector>
 
@@ -28,6 +29,15 @@ void format_checked(rtslib_cookie *h, const void *msg, size_t msg_size, int size
     FUZZ_CHECK(std::memcmp(before.data(), msg, msg_size) == 0);
 }
 
+// Reads everything the walker hands out, so that the sanitizers check it.
+int touch(void *ctx, int, const tarn_idl_value *v)
+{
+    auto *sum = static_cast<uint64_t *>(ctx);
+    *sum += v->scalar + v->count + v->index;
+    for (uint32_t i = 0; i < v->length; ++i) *sum += v->bytes[i];
+    return 0;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -49,6 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         FUZZ_CHECK(rec_size >= sizeof(rts_hdr_t));
         format_checked(h, msg, rec_size, buf_size, brief);
         format_checked(h, msg, rec_size, RTSLIB_FORMAT_BRIEF_SIZE, 1);
+        uint64_t sum = 0;
+        FUZZ_CHECK(tarn_idl_walk(tarn_idl_type_for_msg(type), msg, touch, &sum) == 0);
         rtslib_msg_idl_release(h, msg);
     } else if (size >= RTS_HDR_MIN_LEN && tarn_idl_type_for_msg(data[5]) == nullptr) {
         uint32_t msglen;

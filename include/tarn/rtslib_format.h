@@ -73,7 +73,10 @@ TARN_API const char *rtslib_brief_output_header(void);
 TARN_API int rtslib_format_output(rtslib_cookie *handle, char *buffer, int size, int brief,
                                   const void *message);
 
-/* rtslib_format_output, brief, into RTSLIB_FORMAT_BRIEF_SIZE bytes. */
+/* rtslib_format_output, brief, into RTSLIB_FORMAT_BRIEF_SIZE bytes. The
+ * device (ifdev) summary is longer than that with the columns before it:
+ * give device messages a larger buffer through rtslib_format_output. Other
+ * records' summaries stop at the last field that fits the brief size. */
 TARN_API int rtslib_format_brief_output(rtslib_cookie *handle, char *buffer, const void *message);
 
 /* Full dumps into RTSLIB_FORMAT_FULL_SIZE bytes of buffer: a device record,

@@ -145,6 +145,42 @@ std::vector<uint8_t> sysstats(rtslib_cookie *h)
     return envelope(h, &m);
 }
 
+std::vector<uint8_t> ifaddr(rtslib_cookie *h)
+{
+    ifa_msg_t m{};
+    header(m.hdr, RTS_MSG_IFADDR, RTS_OP_DELETE, 21);
+    m.ifam_index = 70;
+    m.ifam_af = 2;
+    m.ifam_local_plen = 24;
+    uint8_t none[4] = {};
+    m.ifam_dest = none;  // a zero address prints as "none"
+    m.ifam_dest_len = 4;
+    m.ifam_local = kV4;
+    m.ifam_local_len = 4;
+    char name[] = "lo0.16385";
+    m.name = reinterpret_cast<uint8_t *>(name);
+    m.name_len = sizeof name - 1;
+    return envelope(h, &m);
+}
+
+// More entries than a full dump has room for: the list is cut visibly.
+std::vector<uint8_t> sysconf(rtslib_cookie *h)
+{
+    rts_sysconf_msg_t m{};
+    header(m.hdr, RTS_MSG_SYSCONF, RTS_OP_GET, 1);
+    m.conf_flags = 1;
+    std::vector<rts_sysconf_t> confs(60);
+    std::vector<rts_sysconf_t *> ptrs;
+    for (uint32_t i = 0; i < confs.size(); ++i) {
+        confs[i].conf_id = i;
+        confs[i].conf_value = i * i;
+        ptrs.push_back(&confs[i]);
+    }
+    m.confs = ptrs.data();
+    m.confs_count = static_cast<uint32_t>(ptrs.size());
+    return envelope(h, &m);
+}
+
 std::vector<uint8_t> raw(uint8_t type, uint32_t len)
 {
     std::vector<uint8_t> b(len);
@@ -187,6 +223,8 @@ const Case kCases[] = {
     {"ifdev", [](rtslib_cookie *h) { return ifdev(h, "ge-0/0/0", 2); }},
     {"ifdev_long_address_list", [](rtslib_cookie *h) { return ifdev(h, "xe-1/2/3.16386", 90); }},
     {"route", route},
+    {"ifaddr", ifaddr},
+    {"sysconf_long_list", sysconf},
     {"rttable", table},
     {"nh_comp", [](rtslib_cookie *h) { return composite(h, true); }},
     {"sysstats_columns_only", sysstats},

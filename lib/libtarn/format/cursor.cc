@@ -9,6 +9,7 @@
 
 namespace {
 
+TARN_PRINTF(3, 0)
 void vfill(char **position, int *remaining, const char *format, va_list ap)
 {
     if (!position || !remaining || !*position) return;

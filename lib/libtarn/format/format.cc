@@ -21,14 +21,6 @@ const char *flag_abbrev(const Header &h)
     return "--";
 }
 
-int name_len(const uint8_t *name, uint32_t len)
-{
-    if (!name) return 0;
-    const void *nul = std::memchr(name, 0, len);
-    long n = nul ? static_cast<const uint8_t *>(nul) - name : static_cast<long>(len);
-    return static_cast<int>(n > 255 ? 255 : n);
-}
-
 void ifdev_brief(Cursor &c, const ifdev_msg_t *m)
 {
     // The device record keeps the MTU in its first information block and
@@ -37,7 +29,7 @@ void ifdev_brief(Cursor &c, const ifdev_msg_t *m)
     const if_pfe_options_t *info = m->dinfo && m->dinfo_count ? m->dinfo[0] : nullptr;
     c.add("%.*s mtu=%d dflags=0x%x flags=0x%x idx=%d, gen=%d, i2c-id=%d, ifm-hw-qs=%d, "
           "ifm-use-max-qs=%d, ifm-flags=%d, linkflags %x snmpid=%u",
-          name_len(m->name, m->name_len), m->name ? reinterpret_cast<const char *>(m->name) : "",
+          text_len(m->name, m->name_len), m->name ? reinterpret_cast<const char *>(m->name) : "",
           info ? static_cast<int>(info->mtu) : 0, m->ifdm_devflags, m->ifdm_flags, m->ifdm_index,
           static_cast<int>(m->ifdm_generation), m->ifdm_media_type,
           static_cast<int>(m->ifdm_media.ifm_current), static_cast<int>(m->ifdm_media.ifm_active),

@@ -33,6 +33,10 @@ struct Header {
 };
 Header read_header(const void *message);
 
+// The printable part of a byte string (up to its first NUL, at most 255
+// characters), for "%.*s".
+int text_len(const uint8_t *p, uint32_t n);
+
 // Types that are records in memory (the envelope's members) versus raw.
 inline const tarn_idl_type *record_type(const Header &h) { return tarn_idl_type_for_msg(h.type); }
 

@@ -61,13 +61,8 @@ void ifdm_full(Cursor &c, const ifdev_msg_t *m)
     hex_line(c, "ifdm_snmp_id", m->ifdm_snmp_id);
     hex_line(c, "ifdm_attr", m->ifdm_attr);
     hex_line(c, "ifdm_media_type", m->ifdm_media_type);
-    const uint8_t *name = m->name;
-    const void *nul = name ? std::memchr(name, 0, m->name_len) : nullptr;
-    int name_len = name ? static_cast<int>(nul ? static_cast<const uint8_t *>(nul) - name
-                                               : static_cast<long>(m->name_len))
-                        : 0;
-    c.add("name: %.*s\n", name_len > 255 ? 255 : name_len,
-          name ? reinterpret_cast<const char *>(name) : "");
+    c.add("name: %.*s\n", text_len(m->name, m->name_len),
+          m->name ? reinterpret_cast<const char *>(m->name) : "");
     address_list(c, "addr", m->addr, m->addr_count);
     if (!c.ok()) return;
     address_list(c, "haddr", m->haddr, m->haddr_count);

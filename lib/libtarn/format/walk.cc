@@ -42,14 +42,6 @@ bool all_zero(const uint8_t *p, uint32_t n)
     return true;
 }
 
-// The printable part of a byte string: up to its first NUL.
-int text_len(const uint8_t *p, uint32_t n)
-{
-    const void *nul = p ? std::memchr(p, 0, n) : nullptr;
-    uint32_t len = nul ? static_cast<uint32_t>(static_cast<const uint8_t *>(nul) - p) : (p ? n : 0);
-    return static_cast<int>(len > 255 ? 255 : len);
-}
-
 // A byte string: "NA " when empty; up to four 32-bit numbers ("none" when the
 // first is 0); a name as text; otherwise its length and leading bytes in hex.
 void dump_bytes(Cursor &c, const char *name, const uint8_t *p, uint32_t n)
@@ -79,6 +71,13 @@ void dump_bytes(Cursor &c, const char *name, const uint8_t *p, uint32_t n)
 }
 
 }  // namespace
+
+int text_len(const uint8_t *p, uint32_t n)
+{
+    const void *nul = p ? std::memchr(p, 0, n) : nullptr;
+    uint32_t len = nul ? static_cast<uint32_t>(static_cast<const uint8_t *>(nul) - p) : (p ? n : 0);
+    return static_cast<int>(len > 255 ? 255 : len);
+}
 
 void brief_fields(Cursor &c, const char *line_start, int budget, const tarn_idl_type *type,
                   const void *record)
