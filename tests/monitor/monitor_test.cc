@@ -22,6 +22,13 @@ using monitor::json_quote;
 
 const std::regex kTime(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
 
+// Adds a route to table 0 through the library, as a daemon would.
+void add_route(rtslib_cookie *h, uint8_t af, const uint8_t *prefix, uint16_t plen, uint32_t nh)
+{
+    ASSERT_EQ(rtslib_rtm_add(h, 0, af, 1, 0, 2, 0, 0, 0, 0, nh, 0, prefix, plen, nullptr, nullptr),
+              0);
+}
+
 std::vector<Json> json_lines(const std::string &out)
 {
     std::vector<Json> objects;
@@ -44,9 +51,7 @@ TEST(MonitorWatch, JsonLinesCarryTheChangesSent)
     rtslib_cookie *h = rtslib_open_set_liberr(9, nullptr, nullptr);
     ASSERT_NE(h, nullptr);
     const uint8_t net[4] = {198, 51, 100, 0}, local[4] = {192, 0, 2, 77};
-    ASSERT_EQ(rtslib_rtm_add(h, 0, TARN_AF_INET, 1, 0, 2, 0, 0, 0, 0, 400, 0, net, 24, nullptr,
-                             nullptr),
-              0);
+    add_route(h, TARN_AF_INET, net, 24, 400);
     const int em0 = ifl_getindexbyifname("em0.0");
     ASSERT_GT(em0, 0);
     ASSERT_EQ(rtslib_ifam_update(h, static_cast<uint32_t>(em0), TARN_AF_INET, nullptr, 0, local,
@@ -104,12 +109,8 @@ TEST(MonitorQuery, AnswersAsInstalled)
     rtslib_cookie *h = rtslib_open_set_liberr(9, nullptr, nullptr);
     ASSERT_NE(h, nullptr);
     const uint8_t net10[4] = {10, 0, 0, 0}, net6[16] = {0x20, 0x01, 0x0d, 0xb8};
-    ASSERT_EQ(rtslib_rtm_add(h, 0, TARN_AF_INET, 1, 0, 2, 0, 0, 0, 0, 100, 0, net10, 8, nullptr,
-                             nullptr),
-              0);
-    ASSERT_EQ(rtslib_rtm_add(h, 0, TARN_AF_INET6, 1, 0, 2, 0, 0, 0, 0, 600, 0, net6, 32, nullptr,
-                             nullptr),
-              0);
+    add_route(h, TARN_AF_INET, net10, 8, 100);
+    add_route(h, TARN_AF_INET6, net6, 32, 600);
     ASSERT_EQ(rtslib_rtbm_add(h, "blue", 5, TARN_AF_INET, 0), 0);
     rtslib_close(h);
 

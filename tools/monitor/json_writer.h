@@ -27,6 +27,8 @@ public:
 
 private:
     void before_value();
+    void open(char bracket);
+    void close(char bracket);
 
     std::string out_;
     // One entry per open object or array: whether it has a member yet.
