@@ -143,6 +143,14 @@ TEST(MonitorQuery, AnswersAsInstalled)
         }
     }
 
+    // Brief lines end with the addresses they carry, whatever the
+    // formatter's summary left out.
+    const MonitorRun routes = run_monitor({"list", "routes"});
+    const std::vector<std::string> route_lines = lines_of(routes.out);
+    ASSERT_EQ(route_lines.size(), 2u) << routes.out;
+    EXPECT_TRUE(route_lines[0].ends_with(" | prefix=10.0.0.0/8")) << route_lines[0];
+    EXPECT_TRUE(route_lines[1].ends_with(" | prefix=2001:db8::/32")) << route_lines[1];
+
     // Brief lines: a timestamp, then the formatter's columns.
     const MonitorRun brief = run_monitor({"list", "interfaces"});
     EXPECT_EQ(brief.status, 0);

@@ -109,7 +109,16 @@ void MessagePrinter::print(const void *msg, bool decoded)
     std::string text;
     switch (form_) {
     case Form::kJson: text = json_form(msg, decoded); break;
-    case Form::kBrief: text = timestamp_now() + " " + text_form(msg, decoded, true); break;
+    case Form::kBrief:
+        text = timestamp_now() + " " + text_form(msg, decoded, true);
+        // The library's brief summary stops at its line budget, often before
+        // a route's prefix: name the addresses at the end.
+        if (decoded && has_record(msg)) {
+            const std::string addresses =
+                address_summary(tarn_idl_type_for_msg(header_byte(msg, 5)), msg);
+            if (!addresses.empty()) text.insert(text.size() - 1, " |" + addresses);
+        }
+        break;
     case Form::kFull: text = timestamp_now() + "\n" + text_form(msg, decoded, false) + "\n"; break;
     }
     std::fputs(text.c_str(), out_);

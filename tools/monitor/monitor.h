@@ -31,8 +31,8 @@ struct Options {
 // returns kExitUsage.
 int usage_error(const std::string &text);
 
-// The commands: each returns the exit status. Operands were counted by
-// the caller; their values are checked here.
+// The commands: each checks its operands (a usage error is kExitUsage)
+// and returns the exit status.
 int run_watch(const Options &opts);
 int run_get(const Options &opts);
 int run_list(const Options &opts);

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <vector>
 
 #include <tarn/rtsock_wire.h>
@@ -122,16 +123,54 @@ std::string hex_text(const uint8_t *bytes, uint32_t length)
     return s;
 }
 
+bool address_field_text(std::string_view field_name, uint32_t family, const uint8_t *bytes,
+                        uint32_t length, std::string &out)
+{
+    return bytes != nullptr && is_address_field(field_name) &&
+           address_text(family, bytes, length, out);
+}
+
 std::string bytes_text(std::string_view field_name, uint32_t family, const uint8_t *bytes,
                        uint32_t length)
 {
     if (bytes == nullptr) return "";
     std::string text;
-    if (is_address_field(field_name) && address_text(family, bytes, length, text)) return text;
+    if (address_field_text(field_name, family, bytes, length, text)) return text;
     uint32_t text_len = 0;
     if (ends_with(field_name, "name") && printable_name(bytes, length, text_len))
         return std::string(reinterpret_cast<const char *>(bytes), text_len);
     return hex_text(bytes, length);
+}
+
+std::string address_summary(const tarn_idl_type *type, const void *record)
+{
+    // Lengths come before their addresses in the records: "<name>_plen",
+    // or a bare "plen" for the record's one prefix.
+    struct Summary {
+        std::string text;
+        uint32_t family = 0;
+        std::map<std::string, uint64_t> lengths;
+    } sum;
+    tarn_idl_walk(
+        type, record,
+        [](void *ctx, int event, const tarn_idl_value *v) {
+            auto &s = *static_cast<Summary *>(ctx);
+            const std::string name = v->field->name;
+            std::string addr;
+            if (event != TARN_IDL_VISIT_VALUE || v->depth != 0) return 0;
+            if (v->field->kind != TARN_IDL_KIND_BYTES) {
+                if (is_family_field(name)) s.family = static_cast<uint32_t>(v->scalar);
+                if (named(name, "plen")) s.lengths[name] = v->scalar;
+            } else if (address_field_text(name, s.family, v->bytes, v->length, addr)) {
+                s.text += " " + name + "=" + addr;
+                auto len = s.lengths.find(name + "_plen");
+                if (len == s.lengths.end()) len = s.lengths.find("plen");
+                if (len != s.lengths.end()) s.text += "/" + std::to_string(len->second);
+            }
+            return 0;
+        },
+        &sum);
+    return sum.text;
 }
 
 int write_record_json(JsonWriter &out, const tarn_idl_type *type, const void *record)

@@ -23,6 +23,15 @@ int write_record_json(JsonWriter &out, const tarn_idl_type *type, const void *re
 std::string bytes_text(std::string_view field_name, uint32_t family, const uint8_t *bytes,
                        uint32_t length);
 
+// True with the address text in out when the byte string is an address by
+// the rule of bytes_text.
+bool address_field_text(std::string_view field_name, uint32_t family, const uint8_t *bytes,
+                        uint32_t length, std::string &out);
+
+// " name=address" for each address among the record's own fields (not
+// those of nested records), so that a brief line names what changed.
+std::string address_summary(const tarn_idl_type *type, const void *record);
+
 std::string hex_text(const uint8_t *bytes, uint32_t length);
 
 }  // namespace tarn::monitor
