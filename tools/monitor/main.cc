@@ -30,7 +30,9 @@ Commands:
 Run "tarn-monitor COMMAND --help" for a command's own options.
 
 Forms (one of):
-  --brief               one line per message (the default)
+  --brief               one line per message (the default): the library's
+                        summary, then " |" and the addresses the record
+                        carries ("prefix=10.0.0.0/8"), if any
   --full                every field, several lines per message
   --json                one JSON object per line (see below)
 Each message is stamped with the time it was printed (UTC).
