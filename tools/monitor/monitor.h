@@ -37,9 +37,6 @@ int run_watch(const Options &opts);
 int run_get(const Options &opts);
 int run_list(const Options &opts);
 
-// The names `watch` accepts, in the order they are registered.
-std::vector<std::string> watch_type_names();
-
 }  // namespace tarn::monitor
 
 #endif  // TARN_MONITOR_MONITOR_H

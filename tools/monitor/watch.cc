@@ -150,10 +150,19 @@ int signal_descriptor()
     return signalfd(-1, &mask, SFD_CLOEXEC);
 }
 
+// The names watch accepts, in the order they are registered.
+std::vector<std::string> watch_type_names()
+{
+    std::vector<std::string> names;
+    for (const Registration &r : kRegistrations)
+        for (int t : r.types) names.emplace_back(rtm_types[t]);
+    return names;
+}
+
 enum class LoopEnd { kStopped, kKernelGone, kFailed };
 
 // Shows messages until a signal, the count or the timeout ends the watch.
-LoopEnd poll_loop(rtslib_cookie *h, int sfd, const Options &opts, WatchState &st)
+LoopEnd poll_loop(rtslib_cookie *h, int fd, int sfd, const Options &opts, WatchState &st)
 {
     using Clock = std::chrono::steady_clock;
     const auto deadline =
@@ -166,7 +175,7 @@ LoopEnd poll_loop(rtslib_cookie *h, int sfd, const Options &opts, WatchState &st
             if (left.count() <= 0) return LoopEnd::kStopped;
             wait_ms = static_cast<int>(std::min<int64_t>(left.count() + 1, INT32_MAX));
         }
-        pollfd fds[2] = {{h->fd, POLLIN, 0}, {sfd, POLLIN, 0}};
+        pollfd fds[2] = {{fd, POLLIN, 0}, {sfd, POLLIN, 0}};
         const int n = poll(fds, 2, wait_ms);
         if (n < 0 && errno != EINTR) return LoopEnd::kFailed;
         if (n <= 0) continue;
@@ -185,14 +194,6 @@ LoopEnd poll_loop(rtslib_cookie *h, int sfd, const Options &opts, WatchState &st
 }
 
 }  // namespace
-
-std::vector<std::string> watch_type_names()
-{
-    std::vector<std::string> names;
-    for (const Registration &r : kRegistrations)
-        for (int t : r.types) names.emplace_back(rtm_types[t]);
-    return names;
-}
 
 int run_watch(const Options &opts)
 {
@@ -216,7 +217,8 @@ int run_watch(const Options &opts)
     WatchState st{&printer, opts.count};
     int status = kExitFailure;
     const int sfd = signal_descriptor();
-    int rc = sfd < 0 ? errno : rtslib_set_async_info_nocontext(session.handle, nullptr);
+    int fd = -1;
+    int rc = sfd < 0 ? errno : rtslib_set_async_info_nocontext(session.handle, &fd);
 #ifdef TARN_MONITOR_HAVE_COMPRESS
     rtslib_init_blob_compression(session.handle, tarn_zlib_compress, tarn_zlib_decompress);
 #endif
@@ -232,7 +234,7 @@ int run_watch(const Options &opts)
     } else {
         std::fprintf(stderr, "tarn-monitor: watching %s\n",
                      opts.args.size() > 1 ? watched.c_str() : "every notification class");
-        switch (poll_loop(session.handle, sfd, opts, st)) {
+        switch (poll_loop(session.handle, fd, sfd, opts, st)) {
         case LoopEnd::kStopped: status = kExitOk; break;
         case LoopEnd::kKernelGone:
             std::fprintf(stderr, "tarn-monitor: the kernel closed the routing socket\n");
