@@ -58,11 +58,11 @@ MonitorProcess::~MonitorProcess()
     }
 }
 
-bool MonitorProcess::wait_for_stderr(const std::string &text)
+std::string MonitorProcess::first_stderr_line()
 {
-    while (err.find(text) == std::string::npos)
-        if (!read_some(err_fd_, err)) return false;
-    return true;
+    while (err.find('\n') == std::string::npos && read_some(err_fd_, err)) {
+    }
+    return err.substr(0, err.find('\n'));
 }
 
 int MonitorProcess::finish()

@@ -14,9 +14,9 @@ public:
     explicit MonitorProcess(const std::vector<std::string> &args);
     ~MonitorProcess();
 
-    // Reads stderr until `text` has appeared (true) or the program closed
-    // it (false).
-    bool wait_for_stderr(const std::string &text);
+    // Reads stderr until its first line is complete (or closed) and
+    // returns that line without its end.
+    std::string first_stderr_line();
     // Reads both outputs to their end and waits: the exit status, -1 when
     // it did not exit normally.
     int finish();
