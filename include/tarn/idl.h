@@ -78,8 +78,9 @@ TARN_API int rtslib_msg_idl_encode_pa(rtslib_cookie *handle, const void *message
 
 /* Decodes an envelope of len bytes into the caller's arena (arena_base,
  * arena_size). On success *out_msg is the member record (its header's length
- * word set to len and its type byte to the envelope's type, which chose the
- * record's layout) and, for TLV with map_out non-null, *map_out its presence
+ * word set to len, its type byte to the envelope's type, which chose the
+ * record's layout, and its magic word to the envelope's magic, which tells it
+ * from a raw message, whose first word is 0) and, for TLV with map_out non-null, *map_out its presence
  * map. EINVAL for len < 4 or a decode failure ("IDL TLV Decode Error %d(%s)" /
  * "IDL IDR Decode Error %d(%s)"), ENOMEM when the arena is too small,
  * EOPNOTSUPP when the magic is neither TLV nor IDR. */

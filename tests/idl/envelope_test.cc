@@ -212,6 +212,7 @@ TEST_F(Envelope, MemberHeaderTakesTheEnvelopeType)
     void *out = nullptr;
     ASSERT_EQ(rtslib_msg_idl_decode(handle, buf.data(), len, &out, nullptr), 0);
     EXPECT_EQ(static_cast<rtb_msg_t *>(out)->hdr.type, RTS_MSG_RTTABLE);
+    EXPECT_EQ(static_cast<rtb_msg_t *>(out)->hdr.msg_magic, uint32_t{RTS_IDL_MAGIC_IDR});
     EXPECT_EQ(static_cast<rtb_msg_t *>(out)->tid, 5u);
     rtslib_msg_idl_release(handle, out);
 }

@@ -106,13 +106,15 @@ const ResultName &result_entry(int32_t code, bool tlv)
     return kResultNames[-code];
 }
 
-// The member was decoded as the envelope's type, so its header says that
-// type and the wire length, whatever the encoded header claimed: readers
-// pick the record's layout by its type byte, and a header naming another
-// type would have them read a small record as a larger one.
-void set_header(void *member, uint32_t type, uint32_t len)
+// The member was decoded from an envelope of this magic and type, so its
+// header says so, with the wire length, whatever the encoded header claimed:
+// readers pick the record's layout by its type byte (a header naming another
+// type would have them read a small record as a larger one), and tell a
+// decoded record from a raw message by its magic word (0 in a raw one).
+void set_header(void *member, uint32_t magic, uint32_t type, uint32_t len)
 {
     auto *hdr = static_cast<rts_hdr_t *>(member);
+    hdr->msg_magic = magic;
     hdr->type = static_cast<uint8_t>(type);
     hdr->msglen = len;
 }
@@ -288,7 +290,7 @@ int rtslib_msg_idl_decode_pa(rtslib_cookie *handle, const void *buf, uint32_t le
                    static_cast<int>(r), e.name);
         return e.error;
     }
-    if (msg.member) set_header(msg.member, msg.type, len);
+    if (msg.member) set_header(msg.member, magic, msg.type, len);
     *out_msg = msg.member;
     if (map_out && tlv) *map_out = msg_map.member_map;
     return 0;
