@@ -263,7 +263,7 @@ TARN_API void tarn_session_handle_free(tarn_session_handle *s)
     ipc_pipe_destroy(s->pipe);
     free_queue(s);
     rtslib_close(s->rts);
-    tarn::os::route_socket_close(s->rtsock);
+    if (s->rtsock >= 0) tarn::os::route_socket_close(s->rtsock);
     alias_free_all(s);
     patricia_root_delete(s->alias_tree);
     std::free(s);
