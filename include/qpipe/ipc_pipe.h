@@ -14,10 +14,12 @@
  * Threads: none started, no locks; a pipe belongs to one thread at a time.
  *
  * Reading: ipc_pipe_read takes whatever the socket holds; ipc_msg_read then
- * hands out complete messages one by one, in place (the payload may be
- * modified by the caller). A returned message stays valid until the next
- * ipc_pipe_read or ipc_pipe_destroy; ipc_pipe_read_clean only marks consumed
- * input as free, the space is reclaimed by the next ipc_pipe_read.
+ * hands out complete messages one by one, 8-byte aligned: in place when the
+ * message starts on such a boundary in the input buffer, else from an aligned
+ * copy the pipe keeps. Either way the payload may be modified by the caller,
+ * and the message stays valid until the next ipc_msg_read, ipc_pipe_read or
+ * ipc_pipe_destroy. ipc_pipe_read_clean only marks consumed input as free;
+ * the space is reclaimed by the next ipc_pipe_read.
  *
  * Writing: ipc_msg_write / ipc_msg_writev place one message in the output
  * buffer; ipc_pipe_write sends what is pending. Once any byte of a message

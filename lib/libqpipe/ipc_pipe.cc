@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -17,6 +18,10 @@ struct ipc_pipe {
     int fd;
     size_t bufsize;
     unsigned char *in;
+    // Messages are packed back to back on the wire; one that does not start
+    // on an 8-byte boundary is handed out from this copy instead, so callers
+    // may read its fields in place.
+    unsigned char *aligned;
     size_t consumed;
     size_t parsed;
     size_t filled;
@@ -154,9 +159,10 @@ ipc_pipe_t *ipc_pipe_create(size_t bufsize)
     p->bufsize = bufsize;
     p->out_cap = 2 * bufsize;
     p->in = static_cast<unsigned char *>(std::malloc(bufsize));
+    p->aligned = static_cast<unsigned char *>(std::malloc(bufsize));
     p->out = static_cast<unsigned char *>(std::malloc(p->out_cap));
     p->ends = static_cast<size_t *>(std::malloc((p->out_cap / IPC_MSG_HDR_LEN + 1) * sizeof(size_t)));
-    if (p->in == nullptr || p->out == nullptr || p->ends == nullptr) {
+    if (p->in == nullptr || p->aligned == nullptr || p->out == nullptr || p->ends == nullptr) {
         ipc_pipe_destroy(p);
         errno = ENOMEM;
         return nullptr;
@@ -168,6 +174,7 @@ void ipc_pipe_destroy(ipc_pipe_t *p)
 {
     if (p == nullptr) return;
     std::free(p->in);
+    std::free(p->aligned);
     std::free(p->out);
     std::free(p->ends);
     std::free(p);
@@ -257,9 +264,14 @@ ipc_msg_t *ipc_msg_read(ipc_pipe_t *p)
         errno = p->oversize ? EMSGSIZE : 0;
         return nullptr;
     }
-    auto *msg = reinterpret_cast<ipc_msg_t *>(p->in + p->parsed);
-    p->parsed += IPC_MSG_HDR_LEN + payload_len_at(p->in + p->parsed);
-    return msg;
+    unsigned char *at = p->in + p->parsed;
+    const size_t total = IPC_MSG_HDR_LEN + payload_len_at(at);
+    p->parsed += total;
+    if (reinterpret_cast<uintptr_t>(at) % 8 != 0) {
+        std::memcpy(p->aligned, at, total);
+        at = p->aligned;
+    }
+    return reinterpret_cast<ipc_msg_t *>(at);
 }
 
 void ipc_pipe_read_clean(ipc_pipe_t *p)
