@@ -127,6 +127,20 @@ void place(ipc_pipe *p, unsigned char *at, const ipc_msg_t *hdr)
     p->ends[p->nends++] = p->used;
 }
 
+// -1 with EINVAL for no pipe, EPIPE for no socket.
+int check_attached(const ipc_pipe *p)
+{
+    if (p == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (p->fd < 0) {
+        errno = EPIPE;
+        return -1;
+    }
+    return 0;
+}
+
 int check_write(ipc_pipe *p, const ipc_msg_t *hdr)
 {
     if (p == nullptr || hdr == nullptr) {
@@ -210,14 +224,7 @@ int ipc_pipe_detach_socket(ipc_pipe_t *p, int fd)
 
 int ipc_pipe_read(ipc_pipe_t *p)
 {
-    if (p == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (p->fd < 0) {
-        errno = EPIPE;
-        return -1;
-    }
+    if (check_attached(p) != 0) return -1;
     // Reclaim released input; messages handed out since the last clean stay
     // in place until then.
     if (p->consumed > 0) {
@@ -326,14 +333,7 @@ int ipc_msg_writev(ipc_pipe_t *p, const ipc_msg_t *hdr, const struct iovec *iov,
 int ipc_pipe_write(ipc_pipe_t *p, int flags)
 {
     (void)flags;
-    if (p == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (p->fd < 0) {
-        errno = EPIPE;
-        return -1;
-    }
+    if (check_attached(p) != 0) return -1;
     while (p->sent < p->used) {
         ssize_t n = ::send(p->fd, p->out + p->sent, p->used - p->sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0) {
