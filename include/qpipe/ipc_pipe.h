@@ -87,8 +87,9 @@ QPIPE_API int ipc_pipe_detach_socket(ipc_pipe_t *pipe, int fd);
  * message is buffered; -1 with EAGAIN when there is nothing to do, EPIPE when
  * the peer closed (complete messages read before stay available to
  * ipc_msg_read), EMSGSIZE when the next buffered header announces more than
- * B - 8 payload bytes (the pipe then stays unusable for reading), or the
- * socket's error. */
+ * B - 8 payload bytes (the pipe then stays unusable for reading), ENOBUFS
+ * when the input is full of messages returned but not released with
+ * ipc_pipe_read_clean, or the socket's error. */
 QPIPE_API int ipc_pipe_read(ipc_pipe_t *pipe);
 
 /* The next complete buffered message, or NULL: errno 0 when it is not

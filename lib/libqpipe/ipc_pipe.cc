@@ -243,6 +243,12 @@ int ipc_pipe_read(ipc_pipe_t *p)
         return -1;
     }
     const size_t room = p->bufsize - p->filled;
+    if (room == 0) {
+        // Full of messages already handed out: ipc_pipe_read_clean was not
+        // called, and a zero-length read would look like the peer closing.
+        errno = ENOBUFS;
+        return -1;
+    }
     ssize_t n;
     do {
         n = ::recv(p->fd, p->in + p->filled, room, MSG_DONTWAIT);

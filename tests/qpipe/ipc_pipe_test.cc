@@ -147,11 +147,20 @@ TEST(QpipeRead, OversizedHeaderBreaksReading)
     EXPECT_EQ(errno, EMSGSIZE);
 }
 
-TEST(QpipeRead, NothingAvailableIsEagain)
+TEST(QpipeRead, NothingAvailableIsEagainAndUnreleasedInputIsNoEof)
 {
-    Pair p;
+    Pair p(16);
     EXPECT_EQ(ipc_pipe_read(p.pipe), -1);
     EXPECT_EQ(errno, EAGAIN);
+    p.peer_send(frame(1, "") + frame(2, "") + frame(3, ""));
+    ASSERT_EQ(ipc_pipe_read(p.pipe), 16);
+    ASSERT_NE(ipc_msg_read(p.pipe), nullptr);
+    ASSERT_NE(ipc_msg_read(p.pipe), nullptr);
+    EXPECT_EQ(ipc_pipe_read(p.pipe), -1);  // both still held by the caller
+    EXPECT_EQ(errno, ENOBUFS);
+    ipc_pipe_read_clean(p.pipe);
+    EXPECT_EQ(ipc_pipe_read(p.pipe), 8);
+    ASSERT_NE(ipc_msg_read(p.pipe), nullptr);
 }
 
 TEST(QpipeWrite, RefusesWhatTheBufferCannotHold)
