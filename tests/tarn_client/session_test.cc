@@ -350,10 +350,11 @@ TEST_F(ClientTest, MessageWriteChecksItsArguments)
     Frame f = daemon_.read();
     EXPECT_EQ(f.type, 99);
     EXPECT_EQ(f.payload, (std::vector<uint8_t>{'a', 'b', 'c'}));
-    EXPECT_DEATH(tarn_client_msg_write(s_, nullptr, "abc"), "Assertion failed: \\(hdr\\).*lib/libtarn/tarn_client");
-    EXPECT_DEATH(tarn_client_msg_write(s_, &h, nullptr), "\\(hdr->length == 0\\)");
+    EXPECT_DEATH(tarn_client_msg_write(s_, nullptr, "abc"),
+                 "Assertion failed: \\(hdr\\).*file lib/libtarn/tarn_client, line 3255");
+    EXPECT_DEATH(tarn_client_msg_write(s_, &h, nullptr), "\\(hdr->length == 0\\).*line 3257");
     tarn_flash_filter bad{3, 0, 0, 0, 0};
-    EXPECT_DEATH(tarn_rt_flash_register_request(s_, 1, 2, 3, 4, 5, &bad), "\\(FALSE\\)");
+    EXPECT_DEATH(tarn_rt_flash_register_request(s_, 1, 2, 3, 4, 5, &bad), "\\(FALSE\\).*line 4691");
 }
 
 }  // namespace
