@@ -14,7 +14,8 @@
  * accepted by the routing daemon).
  * Threads: none started, no locks; a session belongs to the thread of the
  * caller's event loop, which watches the descriptors the session hands out
- * and calls back into it.
+ * and calls back into it. A callback may close its session (the
+ * connection-lost slot is expected to) but must not free it.
  *
  * Writing never blocks. With the direct writer (no want-write slot) a request
  * the socket cannot take whole fails with EAGAIN and nothing of it is sent.
