@@ -18,6 +18,9 @@
 #include <tarn/rtslib_ifstate.h>
 #include <tarn/rtslib_async.h>
 #include <tarn/rtslib_gencfg.h>
+#include <tarn/tarn_lsping.h>
+#include <tarn/idl_types.h>
+#include <tarn/rtslib_format.h>
 #include <tarn/tarn_client.h>
 
 #endif /* TARN_TARN_H */

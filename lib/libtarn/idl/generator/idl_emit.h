@@ -21,6 +21,9 @@ std::string emit_family(const Model &model, const std::string &family, std::size
 std::string emit_test_meta(const Model &model);
 // One line per type: name, target record size, target map size.
 std::string emit_size_report(const Model &model);
+// The run-time type descriptions: one translation unit of read-only tables
+// (names, sizes, fields, choices) for <tarn/idl_types.h>.
+std::string emit_descriptions(const Model &model);
 
 }  // namespace tarn::idlgen
 

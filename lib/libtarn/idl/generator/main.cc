@@ -1,12 +1,14 @@
 // tarn-idlgen: turns the type descriptions into the record header, one codec
 // translation unit per family and the test metadata.
 //
-//   tarn-idlgen --header H --out-dir D [--meta M] [--types-per-unit N] [--sizes] FAMILY.idl...
+//   tarn-idlgen --header H --out-dir D [--meta M] [--descriptions T] [--types-per-unit N]
+//               [--sizes] FAMILY.idl...
 //
 // D receives <family>_codec.cc for every description; with --types-per-unit a
 // family of more than N types is split into <family>_codec.cc,
 // <family>_codec_2.cc, ... of at most N types each (the build computes the
-// same names from the descriptions). Files are rewritten only when their
+// same names from the descriptions); T receives the run-time type
+// descriptions. Files are rewritten only when their
 // content changes, so an unchanged family is not recompiled.
 #include <cstdlib>
 #include <filesystem>
@@ -38,7 +40,8 @@ bool write_if_changed(const fs::path &path, const std::string &text)
 
 int usage()
 {
-    std::cerr << "usage: tarn-idlgen --header H --out-dir D [--meta M] [--types-per-unit N] "
+    std::cerr << "usage: tarn-idlgen --header H --out-dir D [--meta M] [--descriptions T] "
+                 "[--types-per-unit N] "
                  "[--sizes] FAMILY.idl...\n";
     return 2;
 }
@@ -47,15 +50,19 @@ int usage()
 
 int main(int argc, char **argv)
 {
-    fs::path header, out_dir, meta;
+    fs::path header, out_dir, meta, descriptions;
     bool sizes = false;
     std::size_t types_per_unit = 0;
     std::vector<fs::path> inputs;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
-        if ((a == "--header" || a == "--out-dir" || a == "--meta") && i + 1 < argc) {
+        if ((a == "--header" || a == "--out-dir" || a == "--meta" || a == "--descriptions") &&
+            i + 1 < argc) {
             fs::path v = argv[++i];
-            (a == "--header" ? header : a == "--out-dir" ? out_dir : meta) = v;
+            (a == "--header"    ? header
+             : a == "--out-dir" ? out_dir
+             : a == "--meta"    ? meta
+                                : descriptions) = v;
         } else if (a == "--types-per-unit" && i + 1 < argc) {
             char *end = nullptr;
             unsigned long n = std::strtoul(argv[++i], &end, 10);
@@ -101,6 +108,8 @@ int main(int argc, char **argv)
         }
     }
     if (!meta.empty()) ok = write_if_changed(meta, emit_test_meta(model)) && ok;
+    if (!descriptions.empty())
+        ok = write_if_changed(descriptions, emit_descriptions(model)) && ok;
     if (!ok) {
         std::cerr << "tarn-idlgen: cannot write the output\n";
         return 1;
