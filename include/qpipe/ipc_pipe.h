@@ -14,10 +14,12 @@
  * Threads: none started, no locks; a pipe belongs to one thread at a time.
  *
  * Reading: ipc_pipe_read takes whatever the socket holds; ipc_msg_read then
- * hands out complete messages one by one, in place (the payload may be
- * modified by the caller). A returned message stays valid until the next
- * ipc_pipe_read or ipc_pipe_destroy; ipc_pipe_read_clean only marks consumed
- * input as free, the space is reclaimed by the next ipc_pipe_read.
+ * hands out complete messages one by one, 8-byte aligned: in place when the
+ * message starts on such a boundary in the input buffer, else from an aligned
+ * copy the pipe keeps. Either way the payload may be modified by the caller,
+ * and the message stays valid until the next ipc_msg_read, ipc_pipe_read or
+ * ipc_pipe_destroy. ipc_pipe_read_clean only marks consumed input as free;
+ * the space is reclaimed by the next ipc_pipe_read.
  *
  * Writing: ipc_msg_write / ipc_msg_writev place one message in the output
  * buffer; ipc_pipe_write sends what is pending. Once any byte of a message
@@ -85,8 +87,9 @@ QPIPE_API int ipc_pipe_detach_socket(ipc_pipe_t *pipe, int fd);
  * message is buffered; -1 with EAGAIN when there is nothing to do, EPIPE when
  * the peer closed (complete messages read before stay available to
  * ipc_msg_read), EMSGSIZE when the next buffered header announces more than
- * B - 8 payload bytes (the pipe then stays unusable for reading), or the
- * socket's error. */
+ * B - 8 payload bytes (the pipe then stays unusable for reading), ENOBUFS
+ * when the input is full of messages returned but not released with
+ * ipc_pipe_read_clean, or the socket's error. */
 QPIPE_API int ipc_pipe_read(ipc_pipe_t *pipe);
 
 /* The next complete buffered message, or NULL: errno 0 when it is not

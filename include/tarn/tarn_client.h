@@ -14,7 +14,8 @@
  * accepted by the routing daemon).
  * Threads: none started, no locks; a session belongs to the thread of the
  * caller's event loop, which watches the descriptors the session hands out
- * and calls back into it.
+ * and calls back into it. A callback may close its session (the
+ * connection-lost slot is expected to) but must not free it.
  *
  * Writing never blocks. With the direct writer (no want-write slot) a request
  * the socket cannot take whole fails with EAGAIN and nothing of it is sent.
@@ -330,7 +331,10 @@ typedef struct tarn_session_handle tarn_session_handle;
 #define TARN_CONNECT_REFUSED 2
 
 /* Public callback table: slot 0 is required, slot 10 requires slot 11; a
- * null slot drops its event. Numeric arguments are in host order. */
+ * null slot drops its event. Numeric arguments are in host order; records and
+ * lists are aligned copies converted to host order, valid during the call. A
+ * reply shorter than its fixed part, or whose count claims more entries than
+ * its payload holds, is dropped without a call. */
 typedef struct tarn_session_funs {
     /* 0: connect failed or the connection answer arrived. */
     void (*tsf_connection_status)(tarn_session_handle *, int zero, int status);
@@ -374,8 +378,9 @@ typedef struct tarn_session_funs {
                                size_t len);
 } tarn_session_funs;
 
-/* Reply record of a private slot: the payload as received (its layout
- * belongs to the query) and its length. */
+/* Reply record of a private slot: the payload as received, still in network
+ * order (its layout belongs to the query, which converts it), and its
+ * length. The pointer may be unaligned. */
 typedef void (*tarn_private_reply_fn)(tarn_session_handle *, const void *record, size_t len);
 
 /* Private callback table (LSP-ping query replies), bound with
@@ -438,8 +443,11 @@ TARN_API int tarn_session_bind_private_funs(tarn_session_handle *session,
 /* The session socket is writable: sends at most one queued message. */
 TARN_API void tarn_session_write_callback(tarn_session_handle *session);
 /* The session socket is readable (or, connecting, writable): completes a
- * connect or dispatches at most one message. 0, or -1 with errno (ENOMSG
- * when no complete message is there yet, EPIPE when the pipe failed). */
+ * connect or dispatches at most one message. 0, or -1 with errno: ENOMSG
+ * when no complete message is there yet, EAGAIN when the socket had nothing,
+ * EPIPE when the daemon closed, EMSGSIZE when it announced a payload over
+ * TARN_MSG_MAX_PAYLOAD. The last two, and other socket errors, also call
+ * public slot 1. */
 TARN_API int tarn_session_reply_get(tarn_session_handle *session);
 /* The routing-socket descriptor is readable: reads and drops what it has.
  * 0, or -1 with errno. */

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -17,6 +18,10 @@ struct ipc_pipe {
     int fd;
     size_t bufsize;
     unsigned char *in;
+    // Messages are packed back to back on the wire; one that does not start
+    // on an 8-byte boundary is handed out from this copy instead, so callers
+    // may read its fields in place.
+    unsigned char *aligned;
     size_t consumed;
     size_t parsed;
     size_t filled;
@@ -122,6 +127,20 @@ void place(ipc_pipe *p, unsigned char *at, const ipc_msg_t *hdr)
     p->ends[p->nends++] = p->used;
 }
 
+// -1 with EINVAL for no pipe, EPIPE for no socket.
+int check_attached(const ipc_pipe *p)
+{
+    if (p == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (p->fd < 0) {
+        errno = EPIPE;
+        return -1;
+    }
+    return 0;
+}
+
 int check_write(ipc_pipe *p, const ipc_msg_t *hdr)
 {
     if (p == nullptr || hdr == nullptr) {
@@ -154,9 +173,10 @@ ipc_pipe_t *ipc_pipe_create(size_t bufsize)
     p->bufsize = bufsize;
     p->out_cap = 2 * bufsize;
     p->in = static_cast<unsigned char *>(std::malloc(bufsize));
+    p->aligned = static_cast<unsigned char *>(std::malloc(bufsize));
     p->out = static_cast<unsigned char *>(std::malloc(p->out_cap));
     p->ends = static_cast<size_t *>(std::malloc((p->out_cap / IPC_MSG_HDR_LEN + 1) * sizeof(size_t)));
-    if (p->in == nullptr || p->out == nullptr || p->ends == nullptr) {
+    if (p->in == nullptr || p->aligned == nullptr || p->out == nullptr || p->ends == nullptr) {
         ipc_pipe_destroy(p);
         errno = ENOMEM;
         return nullptr;
@@ -168,6 +188,7 @@ void ipc_pipe_destroy(ipc_pipe_t *p)
 {
     if (p == nullptr) return;
     std::free(p->in);
+    std::free(p->aligned);
     std::free(p->out);
     std::free(p->ends);
     std::free(p);
@@ -203,14 +224,7 @@ int ipc_pipe_detach_socket(ipc_pipe_t *p, int fd)
 
 int ipc_pipe_read(ipc_pipe_t *p)
 {
-    if (p == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (p->fd < 0) {
-        errno = EPIPE;
-        return -1;
-    }
+    if (check_attached(p) != 0) return -1;
     // Reclaim released input; messages handed out since the last clean stay
     // in place until then.
     if (p->consumed > 0) {
@@ -229,6 +243,12 @@ int ipc_pipe_read(ipc_pipe_t *p)
         return -1;
     }
     const size_t room = p->bufsize - p->filled;
+    if (room == 0) {
+        // Full of messages already handed out: ipc_pipe_read_clean was not
+        // called, and a zero-length read would look like the peer closing.
+        errno = ENOBUFS;
+        return -1;
+    }
     ssize_t n;
     do {
         n = ::recv(p->fd, p->in + p->filled, room, MSG_DONTWAIT);
@@ -257,9 +277,14 @@ ipc_msg_t *ipc_msg_read(ipc_pipe_t *p)
         errno = p->oversize ? EMSGSIZE : 0;
         return nullptr;
     }
-    auto *msg = reinterpret_cast<ipc_msg_t *>(p->in + p->parsed);
-    p->parsed += IPC_MSG_HDR_LEN + payload_len_at(p->in + p->parsed);
-    return msg;
+    unsigned char *at = p->in + p->parsed;
+    const size_t total = IPC_MSG_HDR_LEN + payload_len_at(at);
+    p->parsed += total;
+    if (reinterpret_cast<uintptr_t>(at) % 8 != 0) {
+        std::memcpy(p->aligned, at, total);
+        at = p->aligned;
+    }
+    return reinterpret_cast<ipc_msg_t *>(at);
 }
 
 void ipc_pipe_read_clean(ipc_pipe_t *p)
@@ -314,14 +339,7 @@ int ipc_msg_writev(ipc_pipe_t *p, const ipc_msg_t *hdr, const struct iovec *iov,
 int ipc_pipe_write(ipc_pipe_t *p, int flags)
 {
     (void)flags;
-    if (p == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (p->fd < 0) {
-        errno = EPIPE;
-        return -1;
-    }
+    if (check_attached(p) != 0) return -1;
     while (p->sent < p->used) {
         ssize_t n = ::send(p->fd, p->out + p->sent, p->used - p->sent, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0) {

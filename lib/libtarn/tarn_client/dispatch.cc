@@ -108,44 +108,34 @@ void ldp_fec(tarn_session_handle *s, unsigned char *p, size_t len)
     pf->tpf_ldp_fec(s, host32(p, 0), host32(p, 4), p + 8, len - 8);
 }
 
-// The private slot of a reply type, or null when the type has none.
-tarn_private_reply_fn private_slot(const tarn_private_funs *pf, uint16_t type)
-{
-    switch (type) {
-    case 19: return pf->tpf_rsvp_lsp;
-    case 39: return pf->tpf_rsvp_p2mp_lsp;
-    case 48: return pf->tpf_ldp_p2mp_fec;
-    case 23: return pf->tpf_vpn_pfx;
-    case 30:
-    case 59: return pf->tpf_l2vpn;
-    case 32: return pf->tpf_l2ckt;
-    case 26: return pf->tpf_endpt;
-    case 53: return pf->tpf_bgp_fec;
-    case 28: return pf->tpf_lspmon;
-    case 50: return pf->tpf_static_lsp;
-    case 44: return pf->tpf_tdmpw;
-    case 57: return pf->tpf_mdiagd_p2mp;
-    case 77: return pf->tpf_reply_77;
-    case 60:
-    case 78: return pf->tpf_reply_60_78;
-    case 61: return pf->tpf_reply_61;
-    case 75:
-    case 76: return pf->tpf_reply_75_76;
-    case 72:
-    case 73: return pf->tpf_reply_72_73;
-    default: return nullptr;
-    }
-}
+// The private slot of a reply-record type, or null when the type has none.
+using PrivateSlot = tarn_private_reply_fn tarn_private_funs::*;
 
-bool is_private_type(uint16_t type)
+PrivateSlot private_slot(uint16_t type)
 {
     switch (type) {
-    case 19: case 21: case 23: case 26: case 28: case 30: case 32: case 39: case 44:
-    case 48: case 50: case 53: case 57: case 59: case 60: case 61: case 72: case 73:
-    case 75: case 76: case 77: case 78:
-        return true;
-    default:
-        return false;
+    case 19: return &tarn_private_funs::tpf_rsvp_lsp;
+    case 39: return &tarn_private_funs::tpf_rsvp_p2mp_lsp;
+    case 48: return &tarn_private_funs::tpf_ldp_p2mp_fec;
+    case 23: return &tarn_private_funs::tpf_vpn_pfx;
+    case 30:
+    case 59: return &tarn_private_funs::tpf_l2vpn;
+    case 32: return &tarn_private_funs::tpf_l2ckt;
+    case 26: return &tarn_private_funs::tpf_endpt;
+    case 53: return &tarn_private_funs::tpf_bgp_fec;
+    case 28: return &tarn_private_funs::tpf_lspmon;
+    case 50: return &tarn_private_funs::tpf_static_lsp;
+    case 44: return &tarn_private_funs::tpf_tdmpw;
+    case 57: return &tarn_private_funs::tpf_mdiagd_p2mp;
+    case 77: return &tarn_private_funs::tpf_reply_77;
+    case 60:
+    case 78: return &tarn_private_funs::tpf_reply_60_78;
+    case 61: return &tarn_private_funs::tpf_reply_61;
+    case 75:
+    case 76: return &tarn_private_funs::tpf_reply_75_76;
+    case 72:
+    case 73: return &tarn_private_funs::tpf_reply_72_73;
+    default: return nullptr;
     }
 }
 
@@ -158,7 +148,8 @@ void dispatch_private(tarn_session_handle *s, uint16_t type, unsigned char *p, s
     }
     // The layouts of the other query replies belong to their queries; the
     // record goes out as received.
-    tarn_private_reply_fn fn = private_slot(s->private_funs, type);
+    const PrivateSlot slot = private_slot(type);
+    tarn_private_reply_fn fn = slot == nullptr ? nullptr : s->private_funs->*slot;
     if (fn != nullptr) fn(s, p, len);
 }
 
@@ -256,7 +247,8 @@ void dispatch(tarn_session_handle *s, ipc_msg_t *msg)
         return;
     }
     default:
-        if (is_private_type(msg->type)) dispatch_private(s, msg->type, p, len);
+        if (msg->type == TARN_MSG_LDP_FEC_REPLY || private_slot(msg->type) != nullptr)
+            dispatch_private(s, msg->type, p, len);
         return;
     }
 }
@@ -267,14 +259,7 @@ extern "C" {
 
 TARN_API int tarn_session_reply_get(tarn_session_handle *s)
 {
-    if (s == nullptr) {
-        errno = EINVAL;
-        return -1;
-    }
-    if (s->fd == -1) {
-        errno = ENOTCONN;
-        return -1;
-    }
+    if (check_connected(s) != 0) return -1;
     if (s->state == kConnecting) {
         sockaddr_storage peer{};
         socklen_t peer_len = sizeof peer;

@@ -174,7 +174,7 @@ void flush_one(tarn_session_handle *s)
 
 namespace tarn::client {
 
-int check_session(const tarn_session_handle *s)
+int check_connected(const tarn_session_handle *s)
 {
     if (s == nullptr) {
         errno = EINVAL;
@@ -184,6 +184,12 @@ int check_session(const tarn_session_handle *s)
         errno = ENOTCONN;
         return -1;
     }
+    return 0;
+}
+
+int check_session(const tarn_session_handle *s)
+{
+    if (check_connected(s) != 0) return -1;
     if (s->state != kAccepted) {
         errno = EBUSY;
         return -1;
@@ -263,7 +269,7 @@ TARN_API void tarn_session_handle_free(tarn_session_handle *s)
     ipc_pipe_destroy(s->pipe);
     free_queue(s);
     rtslib_close(s->rts);
-    tarn::os::route_socket_close(s->rtsock);
+    if (s->rtsock >= 0) tarn::os::route_socket_close(s->rtsock);
     alias_free_all(s);
     patricia_root_delete(s->alias_tree);
     std::free(s);

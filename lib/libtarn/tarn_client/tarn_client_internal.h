@@ -88,6 +88,8 @@ inline void store16(void *p, uint16_t v)
     std::memcpy(p, &v, 2);
 }
 
+// -1 with EINVAL (null) or ENOTCONN (no socket).
+int check_connected(const tarn_session_handle *s);
 // -1 with EINVAL / ENOTCONN / EBUSY unless the session may send.
 int check_session(const tarn_session_handle *s);
 // Places one message of `count` pieces and hands it to the session's writer.

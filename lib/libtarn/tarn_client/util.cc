@@ -1,11 +1,34 @@
 // Result-code texts and small helpers of the routing-daemon client.
 #include <sys/uio.h>
 
+#include <cstddef>
 #include <cstring>
 
 #include "libtarn/tarn_client/tarn_client_internal.h"
 
 namespace {
+
+// The wire records are naturally aligned, so their sizes and offsets are the
+// same on every build; the routing daemon reads exactly these.
+static_assert(sizeof(tarn_rt_nexthop) == 24);
+static_assert(sizeof(tarn_wire_rt_request) == 40);
+static_assert(offsetof(tarn_wire_rt_request, rq_prefix_len) == 32);
+static_assert(sizeof(tarn_wire_rt_add_reply) == 16);
+static_assert(sizeof(tarn_wire_rt_delete_reply) == 16);
+static_assert(offsetof(tarn_rt_record, rr_nexthops) == TARN_RT_RECORD_FIXED_LEN);
+static_assert(offsetof(tarn_rt_record, rr_change) == 40);
+static_assert(sizeof(tarn_wire_name_request) == 8);
+static_assert(sizeof(tarn_wire_table_reply) == 12);
+static_assert(sizeof(tarn_wire_proto_register) == 16);
+static_assert(sizeof(tarn_wire_proto_register_reply) == 16);
+static_assert(sizeof(tarn_wire_proto_unregister) == 8);
+static_assert(sizeof(tarn_wire_chgw_request) == 32);
+static_assert(sizeof(tarn_wire_chgw_reply) == 12);
+static_assert(sizeof(tarn_local_as_reply) == 20);
+static_assert(sizeof(tarn_bw_record) == 8);
+static_assert(sizeof(tarn_nbr_record) == 24);
+static_assert(sizeof(tarn_flash_register_reply) == 12);
+static_assert(sizeof(tarn_ra_record) == 32);
 
 struct CodeText {
     uint32_t code;
