@@ -1,24 +1,17 @@
 #include "tarn_emulator.h"
 
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 namespace tarn::test {
 namespace {
-
-constexpr const char kRunner[] = TARN_TARGET_RUNNER;
 
 int connect_stream(const std::string &path)
 {
@@ -36,43 +29,25 @@ int connect_stream(const std::string &path)
 TarnEmulator::TarnEmulator(std::vector<std::string> args)
 {
     if (!kernel_.running()) return;
-    char tmpl[] = "/tmp/tarn-emu-XXXXXX";
-    if (::mkdtemp(tmpl) == nullptr) {
+    dir_ = kemu::make_temp_dir();
+    if (dir_.empty()) {
         ADD_FAILURE() << "mkdtemp: " << std::strerror(errno);
         return;
     }
-    dir_ = tmpl;
     socket_ = dir_ + "/tarn.sock";
     control_ = dir_ + "/tarn.ctl";
-    std::vector<std::string> argv_s;
-    if (kRunner[0] != '\0') argv_s.push_back(kRunner);
-    argv_s.insert(argv_s.end(), {TARN_EMU_PATH, "--listen", socket_, "--control", control_, "--kernel",
-                                 kernel_.socket_path(), "--log", dir_ + "/tarn.log"});
-    argv_s.insert(argv_s.end(), args.begin(), args.end());
-    std::vector<char *> argv;
-    for (auto &a : argv_s) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        ::execv(argv[0], argv.data());
-        _exit(127);
-    }
+    args.insert(args.begin(), {TARN_EMU_PATH, "--listen", socket_, "--control", control_,
+                               "--kernel", kernel_.socket_path(), "--log", dir_ + "/tarn.log"});
+    pid_ = kemu::spawn(std::move(args));
     // Ready once the control socket answers: it is bound last.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    for (;;) {
+    const auto control_answers = [this] {
         const int fd = connect_stream(control_);
-        if (fd >= 0) {
-            ::close(fd);
-            break;
-        }
-        int status = 0;
-        if (pid_ < 0 || ::waitpid(pid_, &status, WNOHANG) == pid_ ||
-            std::chrono::steady_clock::now() > deadline) {
-            ADD_FAILURE() << "tarn-emu did not start; log:\n" << log();
-            pid_ = -1;
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        if (fd >= 0) ::close(fd);
+        return fd >= 0;
+    };
+    if (pid_ < 0 || !kemu::wait_until_ready(pid_, control_answers)) {
+        ADD_FAILURE() << "tarn-emu did not start; log:\n" << log();
+        pid_ = -1;
     }
 }
 
@@ -105,30 +80,19 @@ std::string TarnEmulator::control(const std::string &line) const
 
 std::string TarnEmulator::log() const
 {
-    std::ifstream in(dir_ + "/tarn.log");
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return kemu::file_text(dir_ + "/tarn.log");
 }
 
 bool TarnEmulator::wait_for_log(const std::string &text) const
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (log().find(text) == std::string::npos) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return kemu::wait_for_text(dir_ + "/tarn.log", text);
 }
 
 int TarnEmulator::stop()
 {
-    if (pid_ <= 0) return -1;
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
+    const int status = kemu::terminate(pid_);
     pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return status;
 }
 
 }  // namespace tarn::test

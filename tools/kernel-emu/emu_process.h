@@ -7,10 +7,29 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 namespace tarn::kemu {
+
+// Helpers for anything that starts a program of this build from a test or
+// benchmark. `argv` runs through the target runner a cross build's tests use
+// (qemu-i386 where the host cannot execute i386 code); its standard output
+// goes to `stdout_path` unless that is empty; `cpu` >= 0 pins it. The pid,
+// or -1 with errno.
+pid_t spawn(std::vector<std::string> argv, const std::string &stdout_path = {}, int cpu = -1);
+// Waits up to ten seconds for `ready`; false when the child exits first or
+// the time runs out.
+bool wait_until_ready(pid_t pid, const std::function<bool()> &ready);
+// SIGTERM and wait: the exit status, or -1 if it did not exit normally.
+int terminate(pid_t pid);
+// The whole of a (log) file; empty when it cannot be read.
+std::string file_text(const std::string &path);
+// Waits up to five seconds for `text` to appear in the file.
+bool wait_for_text(const std::string &path, const std::string &text);
+// A fresh temporary directory, or empty with errno.
+std::string make_temp_dir();
 
 class EmulatorProcess {
 public:
