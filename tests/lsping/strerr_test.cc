@@ -23,10 +23,10 @@ const std::vector<std::string> kL2vpnShared = {
     "Requested route not found in this L2VPN's table",
     "No nexthop information available for this connection",
     "The nexthop for this prefix is not resolved",
-    "During graceful restart, cannot retrieve all the information necessary for issuing a l2vpn "
-    "lsping",
-    "Can't ping with control-channel router-alert-Label,as it will result in, more than 5 labels "
-    "being pushed",
+    ("During graceful restart, cannot retrieve all the information necessary for issuing a l2vpn "
+     "lsping"),
+    ("Can't ping with control-channel router-alert-Label,as it will result in, more than 5 labels "
+     "being pushed"),
     "Route distinguisher and nexthop information were successfully retrieved",
 };
 
@@ -57,16 +57,16 @@ const Kind kKinds[] = {
       "No nexthop information available for this prefix",
       "This prefix was not learnt from a remote site",
       "The nexthop for this prefix is not resolved",
-      "During graceful restart, cannot retrieve all the information necessary for issuing a "
-      "l3vpn lsping",
+      ("During graceful restart, cannot retrieve all the information necessary for issuing a "
+      "l3vpn lsping"),
       "Route distinguisher and nexthop information were successfully retrieved"}},
     {"l2ckt", l2ckt_lsping_info_strerr,
      {"Requested connection is not found", "Requested connection is down",
       "Requested connection is not remote", "Requested route not found",
       "No nexthop information available for this connection",
       "The nexthop for this prefix is not resolved",
-      "During graceful restart, cannot retrieve all the information necessary for issuing a "
-      "l2ckt lsping",
+      ("During graceful restart, cannot retrieve all the information necessary for issuing a "
+      "l2ckt lsping"),
       "Can't ping as there are more than 5 labels to push",
       "Encapsulation type and nexthop information were successfully retrieved"}},
     {"l2vpn", l2vpn_lsping_info_strerr,

@@ -49,8 +49,8 @@ constexpr const char *kVpn[] = {
     "No nexthop information available for this prefix",
     "This prefix was not learnt from a remote site",
     "The nexthop for this prefix is not resolved",
-    "During graceful restart, cannot retrieve all the information necessary for issuing a l3vpn "
-    "lsping",
+    ("During graceful restart, cannot retrieve all the information necessary for issuing a l3vpn "
+     "lsping"),
     "Route distinguisher and nexthop information were successfully retrieved",
 };
 
@@ -61,8 +61,8 @@ constexpr const char *kL2ckt[] = {
     "Requested route not found",
     "No nexthop information available for this connection",
     "The nexthop for this prefix is not resolved",
-    "During graceful restart, cannot retrieve all the information necessary for issuing a l2ckt "
-    "lsping",
+    ("During graceful restart, cannot retrieve all the information necessary for issuing a l2ckt "
+     "lsping"),
     "Can't ping as there are more than 5 labels to push",
     "Encapsulation type and nexthop information were successfully retrieved",
 };
@@ -80,10 +80,10 @@ constexpr const char *kL2vpn[] = {
     "Requested route not found in this L2VPN's table",
     "No nexthop information available for this connection",
     "The nexthop for this prefix is not resolved",
-    "During graceful restart, cannot retrieve all the information necessary for issuing a l2vpn "
-    "lsping",
-    "Can't ping with control-channel router-alert-Label,as it will result in, more than 5 labels "
-    "being pushed",
+    ("During graceful restart, cannot retrieve all the information necessary for issuing a l2vpn "
+     "lsping"),
+    ("Can't ping with control-channel router-alert-Label,as it will result in, more than 5 labels "
+     "being pushed"),
     "Route distinguisher and nexthop information were successfully retrieved",
 };
 
