@@ -29,11 +29,11 @@ declare -A RUNS=(
   [ifaddrs_walk_fuzz]=60000
   [fuzz_async_dispatch]=2500
   [gencfg_inflate_fuzz]=6000
-  [format_fuzz]=20000
-  [qpipe_framing_fuzz]=20000
-  [tarn_dispatch_fuzz]=20000
-  [tarn_emu_fuzz]=50000
-  [monitor_json_fuzz]=20000
+  [format_fuzz]=5000
+  [qpipe_framing_fuzz]=100000
+  [tarn_dispatch_fuzz]=100000
+  [tarn_emu_fuzz]=100000
+  [monitor_json_fuzz]=40000
 )
 TARGETS=(patricia_fuzz itable_fuzz fuzz_msg_list fuzz_idl_tlv_envelope fuzz_idl_idr_envelope
   fuzz_idl_records kernel_emu_fuzz ifaddrs_walk_fuzz fuzz_async_dispatch gencfg_inflate_fuzz
