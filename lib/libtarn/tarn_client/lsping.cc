@@ -160,6 +160,12 @@ public:
         off_ += 4;
         bytes(nh.nh_address, sizeof nh.nh_address);
     }
+    // The tail most records share: where the path leaves and what it pushes.
+    void path(tarn_lsping_nexthop &nh, tarn_lsping_labels &lb)
+    {
+        nexthop(nh);
+        labels(lb);
+    }
     // u8 count, 3 bytes of padding, the labels.
     void labels(tarn_lsping_labels &lb)
     {
@@ -207,8 +213,7 @@ void decode(tarn_session_handle *s, const tarn_private_funs *pf, uint16_t type,
         r.ri_destination = c.u32();
         r.ri_tunnel_id = c.u32();
         r.ri_lsp_id = c.u32();
-        c.nexthop(r.ri_nexthop);
-        c.labels(r.ri_labels);
+        c.path(r.ri_nexthop, r.ri_labels);
         return deliver(s, pf->tpf_rsvp_lsp, cookie, result, c, r, rest);
     }
     case TARN_MSG_RSVP_P2MP_LSP_REPLY:
@@ -236,16 +241,14 @@ void decode(tarn_session_handle *s, const tarn_private_funs *pf, uint16_t type,
         tarn_vpn_pfx_info r{};
         c.bytes(r.vi_rd, sizeof r.vi_rd);
         r.vi_protocol_nexthop = c.u32();
-        c.nexthop(r.vi_nexthop);
-        c.labels(r.vi_labels);
+        c.path(r.vi_nexthop, r.vi_labels);
         return deliver(s, pf->tpf_vpn_pfx, cookie, result, c, r, rest);
     }
     case TARN_MSG_ENDPT_REPLY: {
         if (pf->tpf_endpt == nullptr) return;
         tarn_endpt_info r{};
         r.ei_protocol = c.u32();
-        c.nexthop(r.ei_nexthop);
-        c.labels(r.ei_labels);
+        c.path(r.ei_nexthop, r.ei_labels);
         return deliver(s, pf->tpf_endpt, cookie, result, c, r, rest);
     }
     case TARN_MSG_LSPMON_REPLY: {
@@ -264,8 +267,7 @@ void decode(tarn_session_handle *s, const tarn_private_funs *pf, uint16_t type,
         c.bytes(r.li_rd, sizeof r.li_rd);
         r.li_remote_pe = c.u32();
         r.li_cw_flags = c.u32();
-        c.nexthop(r.li_nexthop);
-        c.labels(r.li_labels);
+        c.path(r.li_nexthop, r.li_labels);
         return deliver(s, pf->tpf_l2vpn, cookie, result, c, r, rest);
     }
     case TARN_MSG_L2CKT_REPLY: {
@@ -273,8 +275,7 @@ void decode(tarn_session_handle *s, const tarn_private_funs *pf, uint16_t type,
         tarn_l2ckt_info r{};
         r.ci_encapsulation = c.u32();
         r.ci_cw_flags = c.u32();
-        c.nexthop(r.ci_nexthop);
-        c.labels(r.ci_labels);
+        c.path(r.ci_nexthop, r.ci_labels);
         return deliver(s, pf->tpf_l2ckt, cookie, result, c, r, rest);
     }
     case TARN_MSG_TDMPW_REPLY: {
@@ -289,8 +290,7 @@ void decode(tarn_session_handle *s, const tarn_private_funs *pf, uint16_t type,
         if (pf->tpf_static_lsp == nullptr) return;
         tarn_static_lsp_info r{};
         r.si_state = c.u32();
-        c.nexthop(r.si_nexthop);
-        c.labels(r.si_labels);
+        c.path(r.si_nexthop, r.si_labels);
         return deliver(s, pf->tpf_static_lsp, cookie, result, c, r, rest);
     }
     case TARN_MSG_BGP_FEC_REPLY: {
@@ -298,8 +298,7 @@ void decode(tarn_session_handle *s, const tarn_private_funs *pf, uint16_t type,
         tarn_bgp_fec_info r{};
         r.bi_address = c.u32();
         r.bi_prefix_len = c.u32();
-        c.nexthop(r.bi_nexthop);
-        c.labels(r.bi_labels);
+        c.path(r.bi_nexthop, r.bi_labels);
         return deliver(s, pf->tpf_bgp_fec, cookie, result, c, r, rest);
     }
     case TARN_MSG_MDIAGD_P2MP_REPLY: {
