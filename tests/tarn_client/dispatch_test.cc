@@ -30,7 +30,20 @@ std::vector<uint8_t> route_record(uint8_t nh_count, size_t hops_present, uint32_
     return b;
 }
 
-TEST_F(ClientTest, RepliesReachTheirSlots)
+class Replies : public ClientTest {
+protected:
+    void expect_replies(const std::vector<Reply> &table)
+    {
+        for (const Reply &r : table) {
+            SCOPED_TRACE(r.name);
+            rec_.calls.clear();
+            ASSERT_EQ(deliver(r.type, r.payload), 0);
+            EXPECT_EQ(rec_.calls, r.expect);
+        }
+    }
+};
+
+TEST_F(Replies, ReachTheirSlots)
 {
     accept_session();
     const std::vector<Reply> table = {
@@ -60,15 +73,10 @@ TEST_F(ClientTest, RepliesReachTheirSlots)
         {"private_unbound", 19, Bytes().u32(1), {}},
         {"unknown", 15, Bytes().u32(1), {}},
     };
-    for (const Reply &r : table) {
-        SCOPED_TRACE(r.name);
-        rec_.calls.clear();
-        ASSERT_EQ(deliver(r.type, r.payload), 0);
-        EXPECT_EQ(rec_.calls, r.expect);
-    }
+    expect_replies(table);
 }
 
-TEST_F(ClientTest, PrivateRepliesAfterBinding)
+TEST_F(Replies, PrivateOnesAfterBinding)
 {
     accept_session();
     tarn_private_funs pf{};
@@ -91,12 +99,7 @@ TEST_F(ClientTest, PrivateRepliesAfterBinding)
          {"ldp 0 5 6 labels2 first1000 len36"}},
         {"ldp_labels_lie", 21, Bytes().u32(0).u32(5).u32(6).zeros(21).u8(3).zeros(2).u32(1000).u32(2000), {}},
     };
-    for (const Reply &r : table) {
-        SCOPED_TRACE(r.name);
-        rec_.calls.clear();
-        ASSERT_EQ(deliver(r.type, r.payload), 0);
-        EXPECT_EQ(rec_.calls, r.expect);
-    }
+    expect_replies(table);
 }
 
 TEST_F(ClientTest, OversizedHeaderLosesTheConnection)
