@@ -324,7 +324,7 @@ bool lsping_answer(const LspingConfig &cfg, const Frame &request, const uint32_t
         rq.skip(2);
         const std::string lsp = rq.str(n1), path = rq.str(n2), ifl = rq.str(n3);
         what = (p2mp ? "rsvp-p2mp " : "rsvp ") + lsp;
-        type = p2mp ? 39 : 19;
+        type = p2mp ? TARN_MSG_RSVP_P2MP_LSP_REPLY : TARN_MSG_RSVP_LSP_REPLY;
         const LspingEntry *e = t.find(p2mp ? "p2mp-lsp" : "lsp", {lsp});
         uint32_t kind = kRsvpPrimary;
         if (e == nullptr)
@@ -364,7 +364,7 @@ bool lsping_answer(const LspingConfig &cfg, const Frame &request, const uint32_t
         const std::string inst = rq.str(n);
         const char *kind = ldp ? "fec" : "bgp-fec";
         what = std::string(kind) + " " + prefix_text(addr, plen) + " instance \"" + inst + "\"";
-        type = ldp ? 21 : 53;
+        type = ldp ? TARN_MSG_LDP_FEC_REPLY : TARN_MSG_BGP_FEC_REPLY;
         const LspingEntry *e = t.find(kind, {prefix_text(addr, plen)}, &inst);
         if (!t.instance_known(kind, inst))
             a.code = ldp ? kLdpNoInstance : kBgpNoInstance;
@@ -395,7 +395,7 @@ bool lsping_answer(const LspingConfig &cfg, const Frame &request, const uint32_t
         const std::string inst = rq.str(n);
         const std::vector<std::string> keys{ip_text(root), std::to_string(id)};
         what = "ldp-p2mp " + keys[0] + " " + keys[1];
-        type = 48;
+        type = TARN_MSG_LDP_P2MP_FEC_REPLY;
         const LspingEntry *e = t.find("p2mp-fec", keys, &inst);
         if (!t.instance_known("p2mp-fec", inst))
             a.code = kLdpNoInstance;
@@ -418,7 +418,7 @@ bool lsping_answer(const LspingConfig &cfg, const Frame &request, const uint32_t
         // Only IPv4 paths are configured: another family finds nothing.
         const std::string pfx = family == wire::kFamilyInet ? prefix_text(addr, plen) : "";
         what = std::string(vpn ? "vpn " : "endpoint ") + name + " " + pfx;
-        type = vpn ? 23 : 26;
+        type = vpn ? TARN_MSG_VPN_PFX_REPLY : TARN_MSG_ENDPT_REPLY;
         if (vpn) {
             const LspingEntry *e = t.find("vpn", {name, pfx});
             if (!t.any("vpn", 0, name))
@@ -460,7 +460,7 @@ bool lsping_answer(const LspingConfig &cfg, const Frame &request, const uint32_t
         rq.skip(2);
         const std::string name = rq.str(n);
         what = std::string(mon ? "lspmon " : "static-lsp ") + name;
-        type = mon ? 28 : 50;
+        type = mon ? TARN_MSG_LSPMON_REPLY : TARN_MSG_STATIC_LSP_REPLY;
         const LspingEntry *e = t.find(mon ? "lsp" : "static-lsp", {name});
         if (e == nullptr)
             a.code = mon ? kMonNotFound : kStaticNotFound;
@@ -485,7 +485,7 @@ bool lsping_answer(const LspingConfig &cfg, const Frame &request, const uint32_t
         const std::string ifname = rq.str(n);
         const std::vector<std::string> keys{ip_text(nbr), std::to_string(vc)};
         what = "l2ckt " + keys[0] + " " + keys[1];
-        type = 32;
+        type = TARN_MSG_L2CKT_REPLY;
         const LspingEntry *e = t.find("l2ckt", keys);
         if (e == nullptr || (!ifname.empty() && attr(*e, "ifname", ifname.c_str()) != ifname))
             a.code = kCktNotFound;
@@ -520,7 +520,7 @@ bool lsping_answer(const LspingConfig &cfg, const Frame &request, const uint32_t
         }
         const char *kind = fec129 ? "fec129" : "l2vpn";
         what = std::string(kind) + " " + keys[0] + " " + keys[1] + " " + keys[2];
-        type = fec129 ? 59 : 30;
+        type = fec129 ? TARN_MSG_L2VPN_FEC129_REPLY : TARN_MSG_L2VPN_REPLY;
         const LspingEntry *e = t.find(kind, keys);
         if (!t.any(kind, 0, keys[0]))
             a.code = kL2NoVpn;
@@ -546,7 +546,7 @@ bool lsping_answer(const LspingConfig &cfg, const Frame &request, const uint32_t
     }
     case TARN_MSG_TDMPW_LOOKUP: {
         what = "tdmpw";
-        type = 44;
+        type = TARN_MSG_TDMPW_REPLY;
         const LspingEntry *e = nullptr;
         for (const auto &x : t.cfg().entries)
             if (x.kind == "tdmpw" && !e) e = &x;
@@ -558,7 +558,7 @@ bool lsping_answer(const LspingConfig &cfg, const Frame &request, const uint32_t
     }
     case TARN_MSG_MDIAGD_P2MP_REQUEST: {
         what = "p2mp-diagnostic";
-        type = 57;
+        type = TARN_MSG_MDIAGD_P2MP_REPLY;
         std::vector<uint32_t> ids;
         if (!forced)
             for (const auto &x : t.cfg().entries)
