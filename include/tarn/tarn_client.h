@@ -382,7 +382,8 @@ typedef struct tarn_session_funs {
  * <tarn/tarn_lsping_query.h>), bound with tarn_session_bind_private_funs.
  * Each slot receives the reply's cookie and result code (host order), its
  * record converted into an aligned copy, and the payload length from offset
- * 8. Unsolicited types get the converted head and the rest as bytes. */
+ * 8. Unsolicited types get the converted head and the rest as bytes; any
+ * reply shorter than its 8-byte head is dropped. */
 struct tarn_rsvp_lsp_info;
 struct tarn_p2mp_info;
 struct tarn_vpn_pfx_info;
