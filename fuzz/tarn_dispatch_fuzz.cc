@@ -14,6 +14,8 @@
 #include <cstring>
 #include <string>
 
+#include <tarn/tarn_lsping_query.h>
+
 #include "libtarn/tarn_client/tarn_client_internal.h"
 
 namespace {
@@ -41,7 +43,7 @@ void on_record(tarn_session_handle *, const tarn_rt_record *r, size_t len)
     touch(r, TARN_RT_RECORD_FIXED_LEN + 24u * r->rr_nh_count);
 }
 
-void on_private(tarn_session_handle *, const void *p, size_t len)
+void on_private(tarn_session_handle *, uint32_t, uint32_t, const void *p, size_t len)
 {
     if (len > TARN_MSG_MAX_PAYLOAD) fail("private record too long");
     touch(p, len);
@@ -75,15 +77,44 @@ tarn_session_funs make_funs()
     return f;
 }
 
+// A query record: its labels within bounds, touched whole.
+template <typename Rec> void on_info(tarn_session_handle *, uint32_t, uint32_t, const Rec *r, size_t)
+{
+    touch(r, sizeof *r);
+}
+void check_labels(const tarn_lsping_labels &lb)
+{
+    if (lb.lb_count > TARN_LSPING_MAX_LABELS) fail("label count over the limit");
+}
+
 tarn_private_funs make_private()
 {
     tarn_private_funs p{};
-    tarn_private_reply_fn *slots[] = {&p.tpf_rsvp_lsp, &p.tpf_rsvp_p2mp_lsp, &p.tpf_ldp_p2mp_fec,
-                                      &p.tpf_vpn_pfx, &p.tpf_l2vpn, &p.tpf_l2ckt, &p.tpf_endpt,
-                                      &p.tpf_bgp_fec, &p.tpf_lspmon, &p.tpf_static_lsp, &p.tpf_tdmpw,
-                                      &p.tpf_mdiagd_p2mp, &p.tpf_reply_77, &p.tpf_reply_60_78,
-                                      &p.tpf_reply_61, &p.tpf_reply_75_76, &p.tpf_reply_72_73};
+    tarn_private_reply_fn *slots[] = {&p.tpf_reply_77, &p.tpf_reply_60_78, &p.tpf_reply_61,
+                                      &p.tpf_reply_75_76, &p.tpf_reply_72_73};
     for (auto *slot : slots) *slot = on_private;
+    p.tpf_rsvp_lsp = [](tarn_session_handle *, uint32_t, uint32_t, const tarn_rsvp_lsp_info *r, size_t) {
+        check_labels(r->ri_labels);
+    };
+    p.tpf_rsvp_p2mp_lsp = p.tpf_ldp_p2mp_fec = [](tarn_session_handle *, uint32_t, uint32_t,
+                                                  const tarn_p2mp_info *r, size_t len) {
+        if (r->pi_branch_count > len / 32) fail("more branches than the payload holds");
+        for (uint32_t i = 0; i < r->pi_branch_count; ++i) check_labels(r->pi_branches[i].pb_labels);
+        touch(r->pi_branches, sizeof *r->pi_branches * r->pi_branch_count);
+    };
+    p.tpf_vpn_pfx = on_info<tarn_vpn_pfx_info>;
+    p.tpf_l2vpn = on_info<tarn_l2vpn_info>;
+    p.tpf_l2ckt = on_info<tarn_l2ckt_info>;
+    p.tpf_endpt = on_info<tarn_endpt_info>;
+    p.tpf_bgp_fec = on_info<tarn_bgp_fec_info>;
+    p.tpf_lspmon = on_info<tarn_lspmon_info>;
+    p.tpf_static_lsp = on_info<tarn_static_lsp_info>;
+    p.tpf_tdmpw = on_info<tarn_tdmpw_info>;
+    p.tpf_mdiagd_p2mp = [](tarn_session_handle *, uint32_t, uint32_t, const tarn_mdiagd_p2mp_info *r,
+                           size_t len) {
+        if (r->di_count > len / 4) fail("more ids than the payload holds");
+        touch(r->di_ids, 4u * r->di_count);
+    };
     p.tpf_ldp_fec = [](tarn_session_handle *, uint32_t, uint32_t, const void *rest, size_t len) {
         touch(rest, len);
     };

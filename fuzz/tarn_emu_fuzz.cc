@@ -15,6 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size == 0) return 0;
     DaemonConfig cfg;
     cfg.instances.push_back({"master", 65000, 0, false});
+    cfg.lsping = default_lsping_config();
     MemoryKernel kernel;
     kernel.tables["blue"] = 5;
     EmuLog log;

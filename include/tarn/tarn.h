@@ -19,6 +19,7 @@
 #include <tarn/rtslib_async.h>
 #include <tarn/rtslib_gencfg.h>
 #include <tarn/tarn_lsping.h>
+#include <tarn/tarn_lsping_query.h>
 #include <tarn/idl_types.h>
 #include <tarn/rtslib_format.h>
 #include <tarn/tarn_client.h>

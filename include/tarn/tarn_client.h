@@ -378,36 +378,74 @@ typedef struct tarn_session_funs {
                                size_t len);
 } tarn_session_funs;
 
-/* Reply record of a private slot: the payload as received, still in network
- * order (its layout belongs to the query, which converts it), and its
- * length. The pointer may be unaligned. */
-typedef void (*tarn_private_reply_fn)(tarn_session_handle *, const void *record, size_t len);
+/* Private callback table (LSP-ping query replies, records and layouts in
+ * <tarn/tarn_lsping_query.h>), bound with tarn_session_bind_private_funs.
+ * Each slot receives the reply's cookie and result code (host order), its
+ * record converted into an aligned copy, and the payload length from offset
+ * 8. Unsolicited types get the converted head and the rest as bytes; any
+ * reply shorter than its 8-byte head is dropped. */
+struct tarn_rsvp_lsp_info;
+struct tarn_p2mp_info;
+struct tarn_vpn_pfx_info;
+struct tarn_endpt_info;
+struct tarn_lspmon_info;
+struct tarn_l2vpn_info;
+struct tarn_l2ckt_info;
+struct tarn_tdmpw_info;
+struct tarn_static_lsp_info;
+struct tarn_bgp_fec_info;
+struct tarn_mdiagd_p2mp_info;
 
-/* Private callback table (LSP-ping query replies), bound with
- * tarn_session_bind_private_funs; the reply type is given per slot. */
+typedef void (*tarn_private_reply_fn)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                                      const void *rest, size_t len);
+
 typedef struct tarn_private_funs {
-    tarn_private_reply_fn tpf_rsvp_lsp;       /* 0: type 19 */
-    tarn_private_reply_fn tpf_rsvp_p2mp_lsp;  /* 1: type 39 */
+    /* 0: type 19 */
+    void (*tpf_rsvp_lsp)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                         const struct tarn_rsvp_lsp_info *, size_t len);
+    /* 1: type 39 */
+    void (*tpf_rsvp_p2mp_lsp)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                              const struct tarn_p2mp_info *, size_t len);
     /* 2: LDP FEC reply (type 21): payload words 0 and 1, then the payload
-     * from offset 8 (converted; `len` bytes). */
+     * from offset 8 (converted in place, `len` bytes; see tarn_ldp_fec_info). */
     void (*tpf_ldp_fec)(tarn_session_handle *, uint32_t word0, uint32_t word1, const void *rest,
                         size_t len);
-    tarn_private_reply_fn tpf_ldp_p2mp_fec;   /* 3: type 48 */
-    tarn_private_reply_fn tpf_vpn_pfx;        /* 4: type 23 */
-    tarn_private_reply_fn tpf_l2vpn;          /* 5: types 30 and 59 */
-    tarn_private_reply_fn tpf_reserved6;      /* 6: unused */
-    tarn_private_reply_fn tpf_l2ckt;          /* 7: type 32 */
-    tarn_private_reply_fn tpf_endpt;          /* 8: type 26 */
-    tarn_private_reply_fn tpf_bgp_fec;        /* 9: type 53 */
-    tarn_private_reply_fn tpf_lspmon;         /* 10: type 28 */
-    tarn_private_reply_fn tpf_static_lsp;     /* 11: type 50 */
-    tarn_private_reply_fn tpf_tdmpw;          /* 12: type 44 */
-    tarn_private_reply_fn tpf_mdiagd_p2mp;    /* 13: type 57 */
-    tarn_private_reply_fn tpf_reply_77;       /* 14: type 77 */
-    tarn_private_reply_fn tpf_reply_60_78;    /* 15: types 60 and 78 */
-    tarn_private_reply_fn tpf_reply_61;       /* 16: type 61 */
-    tarn_private_reply_fn tpf_reply_75_76;    /* 17: types 75 and 76 */
-    tarn_private_reply_fn tpf_reply_72_73;    /* 18: types 72 and 73 */
+    /* 3: type 48 */
+    void (*tpf_ldp_p2mp_fec)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                             const struct tarn_p2mp_info *, size_t len);
+    /* 4: type 23 */
+    void (*tpf_vpn_pfx)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                        const struct tarn_vpn_pfx_info *, size_t len);
+    /* 5: types 30 and 59 */
+    void (*tpf_l2vpn)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                      const struct tarn_l2vpn_info *, size_t len);
+    tarn_private_reply_fn tpf_reserved6; /* 6: unused */
+    /* 7: type 32 */
+    void (*tpf_l2ckt)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                      const struct tarn_l2ckt_info *, size_t len);
+    /* 8: type 26 */
+    void (*tpf_endpt)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                      const struct tarn_endpt_info *, size_t len);
+    /* 9: type 53 */
+    void (*tpf_bgp_fec)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                        const struct tarn_bgp_fec_info *, size_t len);
+    /* 10: type 28 */
+    void (*tpf_lspmon)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                       const struct tarn_lspmon_info *, size_t len);
+    /* 11: type 50 */
+    void (*tpf_static_lsp)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                           const struct tarn_static_lsp_info *, size_t len);
+    /* 12: type 44 */
+    void (*tpf_tdmpw)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                      const struct tarn_tdmpw_info *, size_t len);
+    /* 13: type 57 */
+    void (*tpf_mdiagd_p2mp)(tarn_session_handle *, uint32_t cookie, uint32_t result,
+                            const struct tarn_mdiagd_p2mp_info *, size_t len);
+    tarn_private_reply_fn tpf_reply_77;    /* 14: type 77 */
+    tarn_private_reply_fn tpf_reply_60_78; /* 15: types 60 and 78 */
+    tarn_private_reply_fn tpf_reply_61;    /* 16: type 61 */
+    tarn_private_reply_fn tpf_reply_75_76; /* 17: types 75 and 76 */
+    tarn_private_reply_fn tpf_reply_72_73; /* 18: types 72 and 73 */
 } tarn_private_funs;
 
 /* A new idle session: 0, or -1 with EINVAL (funs null, slot 0 null, slot 10

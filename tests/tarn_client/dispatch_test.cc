@@ -80,11 +80,9 @@ TEST_F(Replies, PrivateOnesAfterBinding)
 {
     accept_session();
     tarn_private_funs pf{};
-    pf.tpf_rsvp_lsp = [](tarn_session_handle *s, const void *, size_t len) {
-        Recorder::add(s, "rsvp %zu", len);
+    pf.tpf_reply_72_73 = [](tarn_session_handle *s, uint32_t cookie, uint32_t rc, const void *, size_t len) {
+        Recorder::add(s, "p72 %u %u %zu", cookie, rc, len);
     };
-    pf.tpf_l2vpn = [](tarn_session_handle *s, const void *, size_t len) { Recorder::add(s, "l2vpn %zu", len); };
-    pf.tpf_reply_72_73 = [](tarn_session_handle *s, const void *, size_t len) { Recorder::add(s, "p72 %zu", len); };
     pf.tpf_ldp_fec = [](tarn_session_handle *s, uint32_t w0, uint32_t w1, const void *rest, size_t len) {
         const auto *p = static_cast<const uint8_t *>(rest);
         uint32_t w2, label1;
@@ -94,10 +92,8 @@ TEST_F(Replies, PrivateOnesAfterBinding)
     };
     ASSERT_EQ(tarn_session_bind_private_funs(s_, &pf), 0);
     const std::vector<Reply> table = {
-        {"rsvp", 19, Bytes().u32(1).u32(2), {"rsvp 8"}},
-        {"l2vpn_30", 30, Bytes().u32(1), {"l2vpn 4"}},
-        {"l2vpn_59", 59, Bytes().u32(1), {"l2vpn 4"}},
-        {"p73", 73, Bytes(), {"p72 0"}},
+        {"p73", 73, Bytes().u32(7).u32(8).u32(9), {"p72 7 8 4"}},
+        {"p72_short", 72, Bytes().u32(7), {}},
         {"slot_null", 77, Bytes().u32(1), {}},
         {"ldp", 21, Bytes().u32(0).u32(5).u32(6).zeros(21).u8(2).zeros(2).u32(1000).u32(2000),
          {"ldp 0 5 6 labels2 first1000 len36"}},

@@ -219,6 +219,10 @@ std::vector<Outgoing> RoutingDaemon::handle(uint64_t client, const Frame &f)
         break;
     }
     default:
+        if (is_lsping_query(f.type)) {
+            lsping(out, f);
+            break;
+        }
         ++counters_["unknown"];
         log_.line("client %" PRIu64 ": unknown type %u with %zu bytes ignored", client, f.type,
                   f.payload.size());
@@ -663,6 +667,19 @@ void RoutingDaemon::neighbour_down(Out &out, const Frame &f)
                   address_text(p[4], read_address(p, 8)).c_str(), get32(p, 0));
 }
 
+void RoutingDaemon::lsping(Out &out, const Frame &f)
+{
+    uint32_t code = 0;
+    const bool scripted = forced(f.type, code);
+    Frame reply;
+    std::string what;
+    if (!lsping_answer(cfg_.lsping, f, scripted ? &code : nullptr, reply, what))
+        return (void)malformed(out.client(), f, "strings beyond the payload");
+    ++counters_["lsping"];
+    log_.line("client %" PRIu64 ": %s", out.client(), what.c_str());
+    out.reply(reply.type, std::move(reply.payload));
+}
+
 std::string RoutingDaemon::dump() const
 {
     std::ostringstream s;
@@ -695,6 +712,15 @@ bool parse_daemon_config(const std::string &text, DaemonConfig &cfg, std::string
         std::istringstream words(line);
         std::string verb;
         if (!(words >> verb)) continue;
+        if (is_lsping_kind(verb)) {
+            std::string rest, why;
+            std::getline(words, rest);
+            if (!parse_lsping_line(verb, rest, cfg.lsping, why)) {
+                error = "line " + std::to_string(n) + ": " + why;
+                return false;
+            }
+            continue;
+        }
         LocalAs inst;
         std::string flag;
         if (verb != "local-as" || !(words >> inst.name >> inst.as >> inst.table) ||

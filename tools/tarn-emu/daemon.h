@@ -16,6 +16,7 @@
 
 #include "emu_log.h"
 #include "frame.h"
+#include "lsping.h"
 
 namespace tarn::temu {
 
@@ -62,6 +63,7 @@ struct LocalAs {
 
 struct DaemonConfig {
     std::vector<LocalAs> instances;
+    LspingConfig lsping;  // paths the LSP-ping queries find
 };
 
 struct Outgoing {
@@ -131,6 +133,7 @@ private:
     void bandwidth(Out &out, const Frame &f);
     void neighbour_down(Out &out, const Frame &f);
     void identify(Out &out, const Frame &f);
+    void lsping(Out &out, const Frame &f);
     // Withdraws the routes of a protocol that is going away.
     void withdraw(Out &out, uint32_t gateway);
     void flash(Out &out, const RouteKey &key, const Route &route, uint32_t kind);
@@ -153,7 +156,7 @@ private:
 };
 
 // Parses a --config file: "local-as NAME AS TABLE [confederation]" lines,
-// "#" comments. False with a reason naming the line.
+// the LSP-ping paths of lsping.h, "#" comments. False with a reason naming the line.
 bool parse_daemon_config(const std::string &text, DaemonConfig &cfg, std::string &error);
 
 }  // namespace tarn::temu

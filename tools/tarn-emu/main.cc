@@ -33,7 +33,25 @@ add are installed in the kernel emulator through the routing socket.
   --kernel PATH    the kernel emulator's socket (default $TARN_KERNEL_SOCKET)
   --control PATH   control socket: one command line per connection, answered
                    with "ok" or "error TEXT" and the output ("help" lists them)
-  --config FILE    "local-as NAME AS TABLE [confederation]" lines
+  --config FILE    "local-as NAME AS TABLE [confederation]" lines and the
+                   paths the LSP-ping queries find, "KIND KEY... [ATTR=VALUE]...":
+                     lsp NAME            src dst tunnel lsp-id uptime path
+                                         standby ccc=yes
+                     p2mp-lsp NAME       id branch=DST/IFL/NEXTHOP/L1,L2...
+                     fec ADDR/LEN        instance flags
+                     bgp-fec ADDR/LEN    instance
+                     p2mp-fec ROOT ID    instance branch=...
+                     vpn NAME ADDR/LEN   rd=ASN:N pnh local=yes
+                     endpoint ADDR/LEN   instance protocol=rsvp|ldp|bgp
+                     l2ckt NEIGHBOUR VC  ifname encap cw remote=no
+                     l2vpn NAME LOCAL REMOTE  ifname rd pe cw
+                     fec129 NAME SAI TAI rd pe cw
+                     static-lsp NAME
+                     tdmpw ID NEIGHBOUR  state
+                   and on any: ifl nh labels=L1,L2 state=down resolved=no.
+                   Without a file: instance "master" (AS 64512) and a few
+                   paths of each kind (the state dump lists nothing of them;
+                   see "force TYPE CODE" for results no path gives).
   --queue-bound N  bytes that may wait for one client before it is dropped
                    (default 1048576)
   --log FILE       log every event to FILE ("-": standard output)
@@ -108,7 +126,10 @@ int main(int argc, char **argv)
         return 2;
     }
     // Without a configuration the master instance has a private AS.
-    if (!configured) dcfg.instances.push_back({"master", 64512, 0, false});
+    if (!configured) {
+        dcfg.instances.push_back({"master", 64512, 0, false});
+        dcfg.lsping = default_lsping_config();
+    }
 
     sigset_t mask;
     sigemptyset(&mask);

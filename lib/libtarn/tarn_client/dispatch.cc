@@ -19,6 +19,9 @@ namespace {
 constexpr uint32_t kRtsockListen[2] = {132, 0};
 constexpr int kRtsockOptListen = 1;
 
+// No more labels than this are ever pushed for a ping.
+constexpr size_t kMaxLabels = 5;
+
 // The longest list a reply can carry: a whole payload of 32-bit words.
 constexpr size_t kMaxWords = TARN_MSG_MAX_PAYLOAD / 4;
 
@@ -102,39 +105,24 @@ void ldp_fec(tarn_session_handle *s, unsigned char *p, size_t len)
     const auto *pf = s->private_funs;
     if (pf->tpf_ldp_fec == nullptr || len < 36) return;
     const size_t labels = p[33];
-    if (len < 36 + 4 * labels) return;
+    if (labels > kMaxLabels || len < 36 + 4 * labels) return;
     for (size_t off : {0, 4, 8, 12, 16, 20, 28}) convert32(p, off);
     convert_words(p, 36, labels);
     pf->tpf_ldp_fec(s, host32(p, 0), host32(p, 4), p + 8, len - 8);
 }
 
-// The private slot of a reply-record type, or null when the type has none.
-using PrivateSlot = tarn_private_reply_fn tarn_private_funs::*;
-
-PrivateSlot private_slot(uint16_t type)
+// The slot of an unsolicited private type, or null when the type has none.
+tarn_private_reply_fn unsolicited_slot(const tarn_private_funs *pf, uint16_t type)
 {
     switch (type) {
-    case 19: return &tarn_private_funs::tpf_rsvp_lsp;
-    case 39: return &tarn_private_funs::tpf_rsvp_p2mp_lsp;
-    case 48: return &tarn_private_funs::tpf_ldp_p2mp_fec;
-    case 23: return &tarn_private_funs::tpf_vpn_pfx;
-    case 30:
-    case 59: return &tarn_private_funs::tpf_l2vpn;
-    case 32: return &tarn_private_funs::tpf_l2ckt;
-    case 26: return &tarn_private_funs::tpf_endpt;
-    case 53: return &tarn_private_funs::tpf_bgp_fec;
-    case 28: return &tarn_private_funs::tpf_lspmon;
-    case 50: return &tarn_private_funs::tpf_static_lsp;
-    case 44: return &tarn_private_funs::tpf_tdmpw;
-    case 57: return &tarn_private_funs::tpf_mdiagd_p2mp;
-    case 77: return &tarn_private_funs::tpf_reply_77;
+    case 77: return pf->tpf_reply_77;
     case 60:
-    case 78: return &tarn_private_funs::tpf_reply_60_78;
-    case 61: return &tarn_private_funs::tpf_reply_61;
+    case 78: return pf->tpf_reply_60_78;
+    case 61: return pf->tpf_reply_61;
     case 75:
-    case 76: return &tarn_private_funs::tpf_reply_75_76;
+    case 76: return pf->tpf_reply_75_76;
     case 72:
-    case 73: return &tarn_private_funs::tpf_reply_72_73;
+    case 73: return pf->tpf_reply_72_73;
     default: return nullptr;
     }
 }
@@ -142,15 +130,9 @@ PrivateSlot private_slot(uint16_t type)
 void dispatch_private(tarn_session_handle *s, uint16_t type, unsigned char *p, size_t len)
 {
     if (s->private_funs == nullptr) return;
-    if (type == TARN_MSG_LDP_FEC_REPLY) {
-        ldp_fec(s, p, len);
-        return;
-    }
-    // The layouts of the other query replies belong to their queries; the
-    // record goes out as received.
-    const PrivateSlot slot = private_slot(type);
-    tarn_private_reply_fn fn = slot == nullptr ? nullptr : s->private_funs->*slot;
-    if (fn != nullptr) fn(s, p, len);
+    if (type == TARN_MSG_LDP_FEC_REPLY) return ldp_fec(s, p, len);
+    if (type >= 60) return lsping_unsolicited(s, unsolicited_slot(s->private_funs, type), p, len);
+    lsping_reply(s, type, p, len);
 }
 
 }  // namespace
@@ -247,8 +229,7 @@ void dispatch(tarn_session_handle *s, ipc_msg_t *msg)
         return;
     }
     default:
-        if (msg->type == TARN_MSG_LDP_FEC_REPLY || private_slot(msg->type) != nullptr)
-            dispatch_private(s, msg->type, p, len);
+        dispatch_private(s, msg->type, p, len);
         return;
     }
 }

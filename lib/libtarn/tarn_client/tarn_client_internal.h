@@ -100,6 +100,12 @@ int send_route_request(tarn_session_handle *s, uint16_t type, const tarn_rt_requ
 // Converts and delivers one received message.
 void dispatch(tarn_session_handle *s, ipc_msg_t *msg);
 
+// LSP-ping query replies (lsping.cc): decoded into their records for their
+// private slot; types without a query get the converted head and the rest.
+void lsping_reply(tarn_session_handle *s, uint16_t type, unsigned char *p, size_t len);
+void lsping_unsolicited(tarn_session_handle *s, tarn_private_reply_fn fn, unsigned char *p,
+                        size_t len);
+
 // Alias machinery.
 int alias_enqueue(tarn_session_handle *s, const AliasRequest *req, uint32_t id, int kind);
 void alias_reply(tarn_session_handle *s, int kind, uint32_t result, uint32_t id, uint16_t key);
