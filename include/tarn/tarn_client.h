@@ -568,6 +568,53 @@ TARN_API int tarn_ra_add(tarn_session_handle *session, const tarn_ra_record *rec
 TARN_API int tarn_ra_delete(tarn_session_handle *session, const tarn_ra_record *record,
                             uint32_t id);
 
+/* ---------------------------------------------------------------------------
+ * Interface aliases
+ *
+ * Operations on one alias key run one at a time, in the order given: the
+ * first of a key sends its route request (add: type 2, delete: type 4, marked
+ * as an alias operation and carrying the key) at once, later ones wait in the
+ * session until the operations ahead of them are finished. The routing
+ * daemon's answer finishes an operation:
+ * - a failure result is reported through public slot 12 with
+ *   TARN_RC_ALIAS_ADD_REPLY_FAILED (34) or TARN_RC_ALIAS_DELETE_REPLY_FAILED
+ *   (40);
+ * - on success the session looks up, through its own routing-socket handle,
+ *   for an add the logical interface (al_ifname, al_unit) and the route
+ *   (al_route's table, family and prefix), for a delete the interface family
+ *   and address of al_route's first next hop's interface; a lookup that
+ *   fails for another reason than "not there" is reported through slot 12
+ *   with TARN_RC_ALIAS_ADD_IFL_LOOKUP (35) or TARN_RC_ALIAS_DELETE_IFF_NOT_FOUND
+ *   (41); a successful operation is not reported;
+ * - then the key's next operation sends its request; one whose request
+ *   cannot be written is reported with 33 (add) or 39 (delete).
+ * Closing the session drops every pending operation unreported.
+ * ------------------------------------------------------------------------- */
+
+/* Interface-alias request: 1356 bytes on every ABI. */
+typedef struct tarn_alias_request {
+    uint16_t al_key;          /* operations of one key are serialised */
+    uint8_t al_family;        /* TARN_FAMILY_INET or TARN_FAMILY_INET6 */
+    uint8_t al_pad;
+    char al_ifname[64];       /* device name of the aliased interface, NUL-terminated */
+    uint32_t al_unit;         /* its logical unit */
+    tarn_rt_request al_route; /* the alias route; its cookie becomes the operation's id */
+    uint8_t al_reserved[860]; /* zero */
+} tarn_alias_request;
+#define TARN_ALIAS_REQUEST_LEN 1356
+
+/* Queue an alias add or delete with the caller's identifier `id` (returned in
+ * slot 12 reports and as the route request's cookie). 0 when queued (and,
+ * for the first of its key, sent); -1 with the session checks' errors,
+ * EINVAL for a null request, an unterminated name, a bad family or too many
+ * next hops, ENOMEM when the session cannot hold the operation, or the
+ * writer's error when the first request of a key cannot be sent (nothing is
+ * kept then). */
+TARN_API int tarn_alias_add(tarn_session_handle *session, const tarn_alias_request *request,
+                            uint32_t id);
+TARN_API int tarn_alias_delete(tarn_session_handle *session, const tarn_alias_request *request,
+                               uint32_t id);
+
 TARN_END_DECLS
 
 #endif /* TARN_TARN_CLIENT_H */

@@ -163,6 +163,61 @@ TEST_F(ClientTest, AliasOperationsRunOneAtATimePerKey)
     EXPECT_EQ(client::alias_pending(s_, 7), 0u);
 }
 
+tarn_alias_request public_alias(uint16_t key)
+{
+    tarn_alias_request r{};
+    r.al_key = key;
+    r.al_family = TARN_FAMILY_INET;
+    std::strcpy(r.al_ifname, "ge-0/0/1");
+    r.al_route.rt_family = TARN_FAMILY_INET;
+    r.al_route.rt_prefix_len = 32;
+    r.al_route.rt_nh_count = 1;
+    r.al_route.rt_nexthops[0].nh_ifl_index = 70;
+    return r;
+}
+
+// Through the public calls: a key's second operation waits for its first,
+// another key's goes out at once; once the kernel cannot be asked, a
+// successful answer still ends as a lookup failure (35 for an add, 41 for a
+// delete) and lets the next operation go.
+TEST_F(ClientTest, PublicAliasCallsSerialisePerKeyAndReportLookupFailures)
+{
+    accept_session();
+    const auto a7 = public_alias(7), a9 = public_alias(9);
+    ASSERT_EQ(tarn_alias_add(s_, &a7, 1), 0);
+    ASSERT_EQ(tarn_alias_delete(s_, &a7, 2), 0);
+    ASSERT_EQ(tarn_alias_add(s_, &a9, 3), 0);
+    Frame f = daemon_.read();
+    EXPECT_EQ(f.type, 2);
+    EXPECT_EQ(f.payload[3], 1);
+    f = daemon_.read();
+    EXPECT_EQ(f.type, 2);
+    EXPECT_EQ(f.payload[3], 3);
+    EXPECT_EQ(f.payload[13], 9);
+    EXPECT_TRUE(daemon_.idle());
+
+    auto bad = public_alias(1);
+    bad.al_family = 2;
+    EXPECT_EQ(tarn_alias_add(s_, &bad, 4), -1);
+    EXPECT_EQ(errno, EINVAL);
+    bad = public_alias(1);
+    std::memset(bad.al_ifname, 'x', sizeof bad.al_ifname);
+    EXPECT_EQ(tarn_alias_add(s_, &bad, 4), -1);
+    EXPECT_EQ(errno, EINVAL);
+
+    emu_.stop();
+    ASSERT_EQ(deliver(3, flagged_add_reply(0, 1, 7)), 0);
+    EXPECT_EQ(rec_.calls, Calls{"alias 1 1 35"});
+    f = daemon_.read();
+    EXPECT_EQ(f.type, 4);
+    EXPECT_EQ(f.payload[3], 2);
+    rec_.calls.clear();
+    ASSERT_EQ(deliver(5, Bytes().u32(0).u32(2).u32(7).u8(1).zeros(3)), 0);
+    EXPECT_EQ(rec_.calls, Calls{"alias 2 2 41"});
+    EXPECT_EQ(client::alias_pending(s_, 7), 0u);
+    EXPECT_EQ(client::alias_pending(s_, 9), 1u);
+}
+
 TEST_F(ClientTest, CloseDropsPendingAliasOperations)
 {
     accept_session();

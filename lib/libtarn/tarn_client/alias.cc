@@ -221,3 +221,42 @@ void alias_free_all(tarn_session_handle *s)
 }
 
 }  // namespace tarn::client
+
+namespace {
+
+static_assert(sizeof(tarn_alias_request) == TARN_ALIAS_REQUEST_LEN);
+
+int alias_public(tarn_session_handle *s, const tarn_alias_request *r, uint32_t id, int kind)
+{
+    if (check_session(s) != 0) return -1;
+    if (r == nullptr || std::memchr(r->al_ifname, '\0', sizeof r->al_ifname) == nullptr ||
+        (r->al_family != TARN_FAMILY_INET && r->al_family != TARN_FAMILY_INET6) ||
+        r->al_route.rt_nh_count > TARN_RT_MAX_NEXTHOPS) {
+        errno = EINVAL;
+        return -1;
+    }
+    AliasRequest req{};
+    req.key = r->al_key;
+    req.family = r->al_family;
+    std::memcpy(req.ifname, r->al_ifname, sizeof req.ifname);
+    req.unit = r->al_unit;
+    req.route = r->al_route;
+    return alias_enqueue(s, &req, id, kind);
+}
+
+}  // namespace
+
+extern "C" {
+
+int tarn_alias_add(tarn_session_handle *session, const tarn_alias_request *request, uint32_t id)
+{
+    return alias_public(session, request, id, TARN_RA_KIND_ADD);
+}
+
+int tarn_alias_delete(tarn_session_handle *session, const tarn_alias_request *request,
+                      uint32_t id)
+{
+    return alias_public(session, request, id, TARN_RA_KIND_DELETE);
+}
+
+}  // extern "C"
