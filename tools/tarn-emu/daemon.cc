@@ -126,20 +126,28 @@ uint64_t RoutingDaemon::counter(const std::string &name) const
 
 void RoutingDaemon::force(uint16_t type, uint32_t code, uint32_t count)
 {
-    forced_[type].insert(forced_[type].end(), count, code);
+    if (count) forced_[type].push_back({code, count});
 }
 
 void RoutingDaemon::refuse(uint32_t code, uint32_t count)
 {
-    refusals_.insert(refusals_.end(), count, code);
+    if (count) refusals_.push_back({code, count});
+}
+
+// The code of the first run, which shrinks by one.
+template <class Runs>
+static uint32_t take(Runs &runs)
+{
+    const uint32_t code = runs.front().code;
+    if (--runs.front().left == 0) runs.pop_front();
+    return code;
 }
 
 bool RoutingDaemon::forced(uint16_t type, uint32_t &code)
 {
     auto it = forced_.find(type);
     if (it == forced_.end() || it->second.empty()) return false;
-    code = it->second.front();
-    it->second.pop_front();
+    code = take(it->second);
     ++counters_["forced"];
     return true;
 }
@@ -157,8 +165,7 @@ Outgoing RoutingDaemon::connect(uint64_t client, bool &refused)
     uint32_t answer = kAccepted;
     refused = !refusals_.empty();
     if (refused) {
-        answer = refusals_.front();
-        refusals_.pop_front();
+        answer = take(refusals_);
         ++counters_["refused"];
         log_.line("client %" PRIu64 ": refused with %u", client, answer);
     } else {

@@ -148,8 +148,14 @@ private:
     std::map<FlashKey, FlashReg> flash_;
     std::map<uint64_t, std::set<std::vector<uint8_t>>> aliases_;  // per client
     std::map<uint32_t, uint32_t> bandwidth_;                      // kbit/s per ifl
-    std::map<uint16_t, std::deque<uint32_t>> forced_;
-    std::deque<uint32_t> refusals_;
+    // Scripted answers as runs of (code, how many more), so that a large
+    // count from the control path costs nothing until it is used.
+    struct Run {
+        uint32_t code;
+        uint32_t left;
+    };
+    std::map<uint16_t, std::deque<Run>> forced_;
+    std::deque<Run> refusals_;
     std::map<std::string, uint64_t> counters_;
     uint32_t next_gateway_ = 1;
     uint32_t next_route_handle_ = 1;
