@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "quiet_sink.h"
+#include "route_record.h"
 #include "sweep.h"
 #include <tarn/tarn.h>
 
@@ -16,6 +17,7 @@ namespace {
 
 using tarn::test::alloc::kWrong;
 using tarn::test::alloc::QuietSink;
+using tarn::test::alloc::Route;
 using tarn::test::alloc::Row;
 using tarn::test::alloc::sweep;
 
@@ -23,70 +25,6 @@ int code_of(const void *p) { return p != nullptr ? 0 : errno; }
 
 void *malloc_alloc(uint32_t size, void *) { return std::calloc(1, size); }
 void malloc_free(void *block, void *) { std::free(block); }
-
-// A route with a prefix and two source addresses: a byte string, an array
-// and its elements each take an allocation when decoded.
-struct Route {
-    uint8_t prefix[4] = {10, 1, 2, 0};
-    uint8_t addr[2][4] = {{192, 0, 2, 1}, {192, 0, 2, 2}};
-    idl_sockaddr_gen_t src[2]{};
-    idl_sockaddr_gen_t *srcs[2] = {&src[0], &src[1]};
-    idl_sockaddr_gen_map_t src_maps[2]{};
-    rt_msg_t rt{};
-    rt_msg_map_t map{};
-
-    Route()
-    {
-        rt.hdr.version = RTS_ROUTE_VERSION;
-        rt.hdr.type = RTS_MSG_ROUTE;
-        rt.hdr.op = RTS_OP_ADD;
-        rt.hdr.seq = 9;
-        rt.tid = 3;
-        rt.af = TARN_AF_INET;
-        rt.plen = 24;
-        rt.prefix = prefix;
-        rt.prefix_len = sizeof prefix;
-        for (int i = 0; i < 2; ++i) {
-            src[i].sa_family = TARN_AF_INET;
-            src[i].sa_addr = addr[i];
-            src[i].sa_addr_len = 4;
-            src_maps[i].bits = (1u << IDL_SOCKADDR_GEN_BIT_SA_FAMILY) |
-                               (1u << IDL_SOCKADDR_GEN_BIT_SA_ADDR);
-        }
-        rt.source = srcs;
-        rt.source_count = 2;
-        map.bits = (1u << RT_MSG_BIT_HDR) | (1u << RT_MSG_BIT_TID) | (1u << RT_MSG_BIT_PLEN) |
-                   (1u << RT_MSG_BIT_PREFIX) | (1u << RT_MSG_BIT_SOURCE);
-        map.hdr.bits = (1u << RTS_HDR_BIT_SEQ) | (1u << RTS_HDR_BIT_TYPE);
-        map.source = src_maps;
-    }
-
-    // The envelope's bytes, TLV with the map or IDR without.
-    std::vector<uint8_t> encoded(rtslib_cookie *h, bool tlv)
-    {
-        void *buf = nullptr;
-        uint32_t len = 0;
-        EXPECT_EQ(rtslib_msg_idl_encode(h, &rt, tlv ? &map : nullptr, &buf, &len), 0);
-        auto *p = static_cast<uint8_t *>(buf);
-        std::vector<uint8_t> out(p, p + len);
-        rtslib_msg_free(h, buf);
-        return out;
-    }
-
-    // 0 when `got` is this route as sent.
-    static int compare(const rt_msg_t *got)
-    {
-        Route want;
-        if (got == nullptr || got->tid != 3 || got->plen != 24 || got->prefix_len != 4 ||
-            std::memcmp(got->prefix, want.prefix, 4) != 0 || got->source_count != 2)
-            return kWrong;
-        for (int i = 0; i < 2; ++i)
-            if (got->source[i]->sa_addr_len != 4 ||
-                std::memcmp(got->source[i]->sa_addr, want.addr[i], 4) != 0)
-                return kWrong;
-        return 0;
-    }
-};
 
 class CoreSweep : public ::testing::Test {
 protected:

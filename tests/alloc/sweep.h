@@ -22,6 +22,7 @@ struct Row {
     std::function<int()> check = [] { return 0; };  // unarmed, after a success
     std::vector<int> failure;             // acceptable codes when an allocation failed
     std::function<void()> cleanup = [] {};  // the caller's release, after every run
+    size_t kept = 0;  // blocks the call is documented to leave behind, at most
 };
 
 // Sweeps every row (GoogleTest assertions on any fault) and adds them to the
