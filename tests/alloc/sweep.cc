@@ -80,6 +80,11 @@ void sweep(const std::vector<Row> &rows)
             const auto &ok = row.failure;
             EXPECT_TRUE(std::find(ok.begin(), ok.end(), rc) != ok.end())
                 << row.name << " gives " << rc << " when allocation " << nth << " fails";
+            // A call that gets by without the failed block must still be right.
+            if (rc == 0) {
+                EXPECT_EQ(row.check(), 0) << row.name << ": wrong result after allocation "
+                                          << nth << " failed";
+            }
             cleanup_without_leaks(row, nth);
         }
         EXPECT_LE(nth, kMaxFailurePoints) << row.name;
