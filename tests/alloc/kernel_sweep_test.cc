@@ -6,6 +6,7 @@
 #include <net/if.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -19,6 +20,9 @@
 #include "route_record.h"
 #include "sweep.h"
 #include <tarn/tarn.h>
+#ifdef TARN_ALLOC_SWEEP_COMPRESS
+#include <tarn/compress.h>
+#endif
 
 namespace {
 
@@ -295,3 +299,107 @@ TEST_F(KernelSweep, Asynchronous)
 }
 
 }  // namespace
+
+namespace {
+
+// A keyed configuration object with a compressible blob and a peer.
+struct Config {
+    uint8_t key[3] = {'k', 'e', 'y'};
+    std::vector<uint8_t> blob = std::vector<uint8_t>(4000, 'x');
+    gencfg_msg_t msg{};
+
+    explicit Config(uint32_t flags = 0)
+    {
+        msg.major_type = 7;
+        msg.minor_type = 1;
+        msg.key = key;
+        msg.key_len = sizeof key;
+        msg.blob = blob.data();
+        msg.blob_len = static_cast<uint32_t>(blob.size());
+        msg.flags = RTSLIB_GENCFG_F_KEY | flags;
+    }
+
+    // 0 when `got` carries this object's blob, inflated.
+    int compare(const gencfg_msg_t *got) const
+    {
+        return got != nullptr && got->blob_len == blob.size() &&
+                       std::equal(blob.begin(), blob.end(), got->blob)
+                   ? 0
+                   : kWrong;
+    }
+};
+
+}  // namespace
+
+TEST_F(KernelSweep, ConfigurationObjects)
+{
+    Config plain;
+    Config packed(RTSLIB_GENCFG_F_COMPRESSED);
+    gencfg_msg_t *reply = nullptr;
+    gencfg_msg_t probe{};  // a get copies the answer's fields (pointers into it) here
+    const rtslib_gencfg_peer peer{1, RTSLIB_GENCFG_CHOICE_INDEX, 3};
+    auto drop = [&](Config &c) {
+        return [&] {
+            rtslib_msg_idl_release(h_, reply);
+            reply = nullptr;
+            rtslib_gencfg_delete(h_, &c.msg);
+        };
+    };
+    std::vector<Row> rows = {
+        {.name = "rtslib_gencfg_create_peerinfo",
+         .call = [&] { return rtslib_gencfg_create_peerinfo(&plain.msg, 4); },
+         .check = [&] { return plain.msg.peer_capacity == 4 ? 0 : kWrong; },
+         .failure = {-1},
+         .cleanup = [&] { rtslib_gencfg_delete_peerinfo(&plain.msg); }},
+        {.name = "rtslib_gencfg_create_depend",
+         .call = [&] { return rtslib_gencfg_create_depend(&plain.msg); },
+         .failure = {-1},
+         .cleanup = [&] {
+             rtslib_gencfg_delete_depend(&plain.msg);
+             plain.msg.flags &= ~RTSLIB_GENCFG_F_DEPS;
+         }},
+        on_handle({.name = "rtslib_gencfg_add_and_get (with a peer)",
+                   .setup =
+                       [&] {
+                           ASSERT_EQ(rtslib_gencfg_create_peerinfo(&plain.msg, 2), 0);
+                           ASSERT_EQ(rtslib_gencfg_add_peerinfo(&plain.msg, &peer), 0);
+                       },
+                   .call = [&] { return rtslib_gencfg_add_and_get(h_, &plain.msg, &reply, nullptr); },
+                   .check = [&] { return plain.compare(reply) == 0 && reply->peers_count == 1 ? 0 : kWrong; },
+                   .failure = {ENOMEM},
+                   .cleanup = [&, release = drop(plain)] {
+                       release();
+                       rtslib_gencfg_delete_peerinfo(&plain.msg);
+                   }}),
+    };
+#ifdef TARN_ALLOC_SWEEP_COMPRESS
+    auto zlib = [&] { rtslib_init_blob_compression(h_, tarn_zlib_compress, tarn_zlib_decompress); };
+    rows.insert(rows.end(), {
+        // Only adds and changes compress; what comes back is inflated.
+        on_handle({.name = "rtslib_gencfg_add (zlib)",
+                   .setup = zlib,
+                   .call = [&] { return rtslib_gencfg_add(h_, &packed.msg); },
+                   .check =
+                       [&] {
+                           probe = packed.msg;
+                           int rc = rtslib_gencfg_get(h_, &probe, RTSLIB_GENCFG_OP_GET, &reply,
+                                                      nullptr);
+                           return rc != 0 ? rc : packed.compare(reply);
+                       },
+                   .failure = {ENOMEM},
+                   .cleanup = drop(packed)}),
+        on_handle({.name = "rtslib_gencfg_get (zlib)",
+                   .setup =
+                       [&] {
+                           zlib();
+                           ASSERT_EQ(rtslib_gencfg_add(h_, &packed.msg), 0);
+                           probe = packed.msg;
+                       },
+                   .call = [&] { return rtslib_gencfg_get(h_, &probe, RTSLIB_GENCFG_OP_GET, &reply, nullptr); },
+                   .check = [&] { return packed.compare(reply); },
+                   .failure = {ENOMEM},
+                   .cleanup = drop(packed)}),
+    });
+#endif
+    sweep(rows);
+}
