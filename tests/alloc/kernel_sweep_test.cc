@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "emu_client.h"
+#include "fake_daemon.h"
 #include "kernel_emulator.h"
 #include "quiet_sink.h"
 #include "route_record.h"
@@ -402,4 +404,80 @@ TEST_F(KernelSweep, ConfigurationObjects)
     });
 #endif
     sweep(rows);
+}
+
+namespace {
+
+int sessions_accepted = 0;
+
+tarn_session_funs session_funs()
+{
+    tarn_session_funs f{};
+    f.tsf_connection_status = [](tarn_session_handle *, int, int status) {
+        sessions_accepted += status == 0 ? 1 : 0;
+    };
+    f.tsf_want_write = [](tarn_session_handle *) {};
+    f.tsf_write_drained = [](tarn_session_handle *) {};
+    return f;
+}
+
+}  // namespace
+
+TEST_F(KernelSweep, DaemonSessions)
+{
+    const tarn_session_funs funs = session_funs();
+    tarn_session_handle *s = nullptr;
+    std::unique_ptr<tarn::test::FakeDaemon> daemon;
+    tarn_alias_request alias{};
+    alias.al_key = 1;
+    alias.al_family = TARN_FAMILY_INET;
+    std::strcpy(alias.al_ifname, "em0");
+    alias.al_route.rt_family = TARN_FAMILY_INET;
+    alias.al_route.rt_prefix_len = 32;
+    alias.al_route.rt_prefix[0] = 10;
+    int queued = 0;
+    // A session with the queueing writer, accepted by a daemon that reads
+    // nothing, so that what the socket cannot take waits in the queue.
+    auto accept_session = [&] {
+        daemon = std::make_unique<tarn::test::FakeDaemon>();
+        ASSERT_EQ(tarn_session_handle_alloc(&s, &funs), 0);
+        ASSERT_EQ(tarn_session_connect(s, daemon->address(), 0), 0);
+        ASSERT_TRUE(daemon->accept());
+        daemon->send(TARN_MSG_CONNECTION_ANSWER, tarn::test::Bytes().u32(TARN_CONNECTION_ACCEPTED));
+        sessions_accepted = 0;
+        ASSERT_EQ(tarn_session_reply_get(s), 0);
+        ASSERT_EQ(sessions_accepted, 1);
+    };
+    auto release = [&] {
+        tarn_session_handle_free(s);
+        s = nullptr;
+        daemon.reset();
+    };
+    sweep({
+        {.name = "tarn_session_handle_alloc",
+         .call = [&] { return code_of(tarn_session_handle_alloc(&s, &funs)); },
+         .check = [&] { return tarn_session_handle_rtsock_descriptor(s) >= 0 ? 0 : kWrong; },
+         .failure = {ENOMEM},
+         .cleanup = release,
+         .kept = 1},  // the read buffer of its routing-socket handle, when that fails to open
+        {.name = "tarn_alias_add",
+         .setup = accept_session,
+         .call = [&] { return code_of(tarn_alias_add(s, &alias, 5)); },
+         .failure = {ENOMEM},
+         .cleanup = release},
+        {.name = "tarn_client_identify (queued)",
+         .setup =
+             [&] {
+                 accept_session();
+                 daemon->shrink_receive_buffer(1);
+                 for (int i = 0; i < 100000 && tarn_session_queue_size(s) == 0; ++i)
+                     ASSERT_EQ(tarn_client_identify(s, "sweep"), 0);
+                 queued = tarn_session_queue_size(s);
+                 ASSERT_GT(queued, 0);
+             },
+         .call = [&] { return code_of(tarn_client_identify(s, "sweep")); },
+         .check = [&] { return tarn_session_queue_size(s) == queued + 1 ? 0 : kWrong; },
+         .failure = {ENOMEM},
+         .cleanup = release},
+    });
 }
