@@ -15,13 +15,12 @@
 
 namespace {
 
+using tarn::test::alloc::code_of;
 using tarn::test::alloc::kWrong;
 using tarn::test::alloc::QuietSink;
 using tarn::test::alloc::Route;
 using tarn::test::alloc::Row;
 using tarn::test::alloc::sweep;
-
-int code_of(const void *p) { return p != nullptr ? 0 : errno; }
 
 void *malloc_alloc(uint32_t size, void *) { return std::calloc(1, size); }
 void malloc_free(void *block, void *) { std::free(block); }

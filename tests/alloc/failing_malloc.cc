@@ -115,8 +115,6 @@ bool disarm()
 
 size_t live() { return state.live; }
 
-unsigned attempts() { return state.attempts; }
-
 }  // namespace tarn::test::alloc
 
 extern "C" {

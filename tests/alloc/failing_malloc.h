@@ -18,8 +18,6 @@ void arm(unsigned nth);
 bool disarm();
 // Tracked blocks not freed yet.
 size_t live();
-// Allocations attempted since arm(), the failed one included.
-unsigned attempts();
 
 }  // namespace tarn::test::alloc
 

@@ -31,16 +31,14 @@ namespace {
 using tarn::test::command;
 using tarn::test::inject;
 using tarn::test::KernelEmulator;
+using tarn::test::alloc::code_of;
+using tarn::test::alloc::errno_of;
 using tarn::test::alloc::kWrong;
 using tarn::test::alloc::QuietSink;
 using tarn::test::alloc::Route;
 using tarn::test::alloc::Row;
 using tarn::test::alloc::sweep;
 
-int code_of(const void *p) { return p != nullptr ? 0 : errno; }
-int code_of(int rc) { return rc == 0 ? 0 : errno; }
-// Calls that return an errno value, or -1 with errno set.
-int errno_of(int rc) { return rc == -1 ? errno : rc; }
 
 const uint8_t kPrefix[] = {10, 99, 0, 0};  // 10.99.0.0/16, added for the suite
 
@@ -338,7 +336,6 @@ TEST_F(KernelSweep, ConfigurationObjects)
     Config plain;
     Config packed(RTSLIB_GENCFG_F_COMPRESSED);
     gencfg_msg_t *reply = nullptr;
-    gencfg_msg_t probe{};  // a get copies the answer's fields (pointers into it) here
     const rtslib_gencfg_peer peer{1, RTSLIB_GENCFG_CHOICE_INDEX, 3};
     auto drop = [&](Config &c) {
         return [&] {
@@ -375,6 +372,7 @@ TEST_F(KernelSweep, ConfigurationObjects)
                    }}),
     };
 #ifdef TARN_ALLOC_SWEEP_COMPRESS
+    gencfg_msg_t probe{};  // a get copies the answer's fields (pointers into it) here
     auto zlib = [&] { rtslib_init_blob_compression(h_, tarn_zlib_compress, tarn_zlib_decompress); };
     rows.insert(rows.end(), {
         // Only adds and changes compress; what comes back is inflated.

@@ -17,16 +17,14 @@
 
 namespace {
 
+using tarn::test::alloc::code_of;
 using tarn::test::alloc::kWrong;
 using tarn::test::alloc::Row;
 using tarn::test::alloc::sweep;
 
-int code_of(int rc) { return rc == 0 ? 0 : errno; }
-
 // A failure inside libev, under a watcher start, is absorbed by the event
 // library's reserve: the call succeeds (and must be right).
 const std::vector<int> kAbsorbed = {ENOMEM, 0};
-int code_of(const void *p) { return p != nullptr ? 0 : errno; }
 
 void on_file(evContext, void *, int, int) {}
 void on_timer(evContext, void *, struct timespec, struct timespec) {}

@@ -4,6 +4,7 @@
 #ifndef TARN_TESTS_ALLOC_SWEEP_H
 #define TARN_TESTS_ALLOC_SWEEP_H
 
+#include <cerrno>
 #include <functional>
 #include <string>
 #include <vector>
@@ -24,6 +25,12 @@ struct Row {
     std::function<void()> cleanup = [] {};  // the caller's release, after every run
     size_t kept = 0;  // blocks the call is documented to leave behind, at most
 };
+
+// A call's result as a code: NULL or -1 become errno.
+inline int code_of(const void *p) { return p != nullptr ? 0 : errno; }
+inline int code_of(int rc) { return rc == 0 ? 0 : errno; }
+// Calls that return an errno value, or -1 with errno set.
+inline int errno_of(int rc) { return rc == -1 ? errno : rc; }
 
 // Sweeps every row (GoogleTest assertions on any fault) and adds them to the
 // totals that the program prints when it ends.
