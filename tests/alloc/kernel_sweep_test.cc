@@ -98,6 +98,7 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
     uint32_t len = 0;
     uint32_t ack = 0;
     const uint8_t added[] = {10, 77, 0, 0};
+    Route route;  // an add that asks for no answer
     auto release = [&] {
         rtslib_msg_idl_release(h_, msg);
         msg = nullptr;
@@ -147,6 +148,9 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
              .check = [&] { return rtb->hdr.type == RTS_MSG_RTTABLE ? 0 : kWrong; },
              .failure = {ENOMEM},
              .cleanup = [&] { rtslib_msg_idl_release(h_, rtb); rtb = nullptr; }}),
+        on_handle({.name = "rtslib_msg_write_idl",
+                   .call = [&] { return rtslib_msg_write_idl(h_, &route.rt, &route.map); },
+                   .failure = {ENOMEM}}),
         on_handle(
             {.name = "rtslib_long_msg_read",
              .setup = [&] { inject_route(); },
@@ -194,6 +198,11 @@ TEST_F(KernelSweep, Interfaces)
         on_handle({.name = "rtslib_ifdm_get_all",
                    .call = [&] { return rtslib_ifdm_get_all(h_, &list); },
                    .check = [&] { return count_list(4); },
+                   .failure = {ENOMEM},
+                   .cleanup = free_list}),
+        on_handle({.name = "rtslib_ifxm_get_all (addresses)",
+                   .call = [&] { return rtslib_ifxm_get_all(h_, &list, RTSLIB_IFLIST_ADDRESSES); },
+                   .check = [&] { return list->count > 5 ? 0 : kWrong; },
                    .failure = {ENOMEM},
                    .cleanup = free_list}),
         on_handle({.name = "rtslib_iflm_get_all",
@@ -262,6 +271,16 @@ TEST_F(KernelSweep, Asynchronous)
         on_handle({.name = "rtslib_set_async_info_nocontext",
                    .call = [&] { return code_of(rtslib_set_async_info_nocontext(h_, &fd)); },
                    .check = [&] { return fd == h_->fd ? 0 : kWrong; },
+                   .failure = {ENOMEM}}),
+        on_handle({.name = "rtslib_create_async_context",
+                   .call = [&] { return errno_of(rtslib_create_async_context(h_)); },
+                   .check =
+                       [&] {
+                           evContext ev{};
+                           return rtslib_get_async_context(h_, &ev) == 0 && ev.opaque != nullptr
+                                      ? 0
+                                      : kWrong;
+                       },
                    .failure = {ENOMEM}}),
         on_handle({.name = "rtslib_rtm_async_register",
                    .setup = async,
