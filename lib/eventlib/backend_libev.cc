@@ -4,9 +4,14 @@
 #include "eventlib/backend.h"
 
 #include <errno.h>
+#include <malloc.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/epoll.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
 
 #include <ev.h>
 
@@ -62,6 +67,90 @@ void on_timer(struct ev_loop *, ev_timer *w, int) {
   tw->cb(tw->owner);
 }
 
+// libev ends the process when its allocator returns NULL, and its watcher
+// starts have no way to report failure. So its allocator falls back on a
+// small static reserve when the heap says no: libev's arrays (descriptor
+// table, timer heap, pending lists) then still grow, and the reserve fills up
+// again as libev moves or frees those blocks. Only a reserve exhausted as
+// well ends the process, as libev always did.
+constexpr size_t kReserveBytes = 64 * 1024;
+constexpr size_t kReserveHeader = 16;  // the block's size; keeps 16-byte alignment
+alignas(16) unsigned char reserve_area[kReserveBytes];
+// Bytes handed out (high half) and blocks still live (low half); the area is
+// reused from the start once no block is live. One word, so that contexts on
+// different threads need no lock.
+std::atomic<uint64_t> reserve_state{0};
+// Blocks this thread took from the reserve, so that a call can tell whether
+// libev needed it.
+thread_local unsigned reserve_takes = 0;
+
+bool in_reserve(const void *p) {
+  auto a = reinterpret_cast<uintptr_t>(p);
+  auto base = reinterpret_cast<uintptr_t>(reserve_area);
+  return a >= base && a < base + kReserveBytes;
+}
+
+size_t reserve_block_size(const void *p) {
+  size_t n;
+  memcpy(&n, static_cast<const unsigned char *>(p) - kReserveHeader, sizeof n);
+  return n;
+}
+
+void *reserve_take(size_t size) {
+  const uint64_t need = kReserveHeader + ((size + 15) & ~size_t{15});
+  uint64_t s = reserve_state.load();
+  for (;;) {
+    const uint64_t used = s >> 32;
+    if (need > kReserveBytes || used + need > kReserveBytes) return nullptr;
+    const uint64_t next = ((used + need) << 32) | ((s & 0xffffffffu) + 1);
+    if (reserve_state.compare_exchange_weak(s, next)) {
+      unsigned char *b = reserve_area + used;
+      memcpy(b, &size, sizeof size);
+      ++reserve_takes;
+      return b + kReserveHeader;
+    }
+  }
+}
+
+void reserve_give_back() {
+  uint64_t s = reserve_state.load();
+  for (;;) {
+    const uint64_t live = (s & 0xffffffffu) - 1;
+    const uint64_t next = live == 0 ? 0 : ((s >> 32) << 32) | live;
+    if (reserve_state.compare_exchange_weak(s, next)) return;
+  }
+}
+
+void release_block(void *ptr) {
+  if (in_reserve(ptr))
+    reserve_give_back();
+  else
+    free(ptr);
+}
+
+// realloc's contract, as libev wants it, with the reserve behind the heap.
+void *libev_realloc(void *ptr, long size) noexcept {
+  if (size <= 0) {
+    release_block(ptr);
+    return nullptr;
+  }
+  const auto want = static_cast<size_t>(size);
+  if (!in_reserve(ptr)) {
+    void *p = realloc(ptr, want);
+    if (p != nullptr) return p;
+  }
+  // A block in the reserve is moved to the heap when it can be.
+  void *fresh = in_reserve(ptr) ? malloc(want) : nullptr;
+  if (fresh == nullptr) fresh = reserve_take(want);
+  if (fresh == nullptr) return nullptr;
+  if (ptr != nullptr) {
+    const size_t old = in_reserve(ptr) ? reserve_block_size(ptr) : malloc_usable_size(ptr);
+    memcpy(fresh, ptr, old < want ? old : want);
+    release_block(ptr);
+  }
+  return fresh;
+}
+
 int priority_set_for(int fd) {
   int set = epoll_create1(EPOLL_CLOEXEC);
   if (set < 0) return -1;
@@ -82,6 +171,8 @@ int priority_set_for(int fd) {
 Poller *poller_create(OwnerCallback on_wake, void *owner) {
   auto *p = static_cast<Poller *>(calloc(1, sizeof(Poller)));
   if (p == nullptr) return nullptr;
+  ev_set_allocator(libev_realloc);
+  const unsigned takes = reserve_takes;
   p->loop = ev_loop_new(EVFLAG_AUTO);
   if (p->loop == nullptr) {
     free(p);
@@ -93,6 +184,13 @@ Poller *poller_create(OwnerCallback on_wake, void *owner) {
   ev_async_init(&p->wake, on_async);
   p->wake.data = p;
   ev_async_start(p->loop, &p->wake);
+  // The reserve is for loops that are running: a new one that already needs
+  // it is refused while the caller can still be told.
+  if (reserve_takes != takes) {
+    poller_destroy(p);
+    errno = ENOMEM;
+    return nullptr;
+  }
   return p;
 }
 

@@ -23,11 +23,23 @@
 
 namespace tarn::emu {
 
-std::string socket_path()
+namespace {
+
+// The library's own calls take the path as text: a std::string would
+// allocate through operator new, whose failure throws instead of failing
+// the call with ENOMEM.
+// Control calls whose request or reply is no larger than this use no heap.
+constexpr size_t kInlineCallLen = 2048;
+
+const char *configured_socket_path()
 {
     const char *env = std::getenv(kSocketEnv);
-    return (env != nullptr && env[0] != '\0') ? std::string(env) : std::string(kDefaultSocketPath);
+    return (env != nullptr && env[0] != '\0') ? env : kDefaultSocketPath;
 }
+
+}  // namespace
+
+std::string socket_path() { return configured_socket_path(); }
 
 }  // namespace tarn::emu
 
@@ -53,12 +65,15 @@ int close_keeping_errno(int fd)
     return -1;
 }
 
-// Connects a new SOCK_SEQPACKET socket to `path`; with `autobind` it first
-// takes an abstract name of its own. A descriptor or -1 with errno.
-int connect_to(const std::string &path, bool autobind)
+// Connects a new SOCK_SEQPACKET socket to `path` followed by `suffix`; with
+// `autobind` it first takes an abstract name of its own. A descriptor or -1
+// with errno.
+int connect_to(const char *path, const char *suffix, bool autobind)
 {
     sockaddr_un addr{};
-    if (path.size() >= sizeof addr.sun_path) {
+    const size_t path_len = std::strlen(path);
+    const size_t suffix_len = std::strlen(suffix);
+    if (path_len + suffix_len >= sizeof addr.sun_path) {
         errno = ENAMETOOLONG;
         return -1;
     }
@@ -71,7 +86,8 @@ int connect_to(const std::string &path, bool autobind)
             return close_keeping_errno(fd);
     }
     addr.sun_family = AF_UNIX;
-    std::memcpy(addr.sun_path, path.c_str(), path.size());
+    std::memcpy(addr.sun_path, path, path_len);
+    std::memcpy(addr.sun_path + path_len, suffix, suffix_len);
     set_timeouts(fd, kIoTimeoutSeconds);
     if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
         return close_keeping_errno(fd);
@@ -115,9 +131,14 @@ int control_call(CtlOp op, const char *name, uint32_t name_len, int32_t level, i
     req.value_len = *len;
     if (name_len > 0) std::memcpy(req.name, name, name_len);
 
-    // One buffer serves the request and then the reply.
+    // One buffer serves the request and then the reply. Socket options fit
+    // on the stack: on the target they are plain system calls, so they must
+    // not start failing here for want of heap (a version read that fails is
+    // fatal to the caller).
     const size_t size = sizeof req + (*len > capacity ? *len : capacity);
-    auto *msg = static_cast<unsigned char *>(std::malloc(size));
+    alignas(CtlReply) unsigned char inline_msg[kInlineCallLen];
+    auto *msg = size <= sizeof inline_msg ? inline_msg
+                                          : static_cast<unsigned char *>(std::malloc(size));
     if (msg == nullptr) {
         errno = ENOMEM;
         return -1;
@@ -128,7 +149,7 @@ int control_call(CtlOp op, const char *name, uint32_t name_len, int32_t level, i
 
     int rc = -1;
     ssize_t n = -1;
-    int c = tarn::os::connect_to(socket_path() + kControlSuffix, false);
+    int c = tarn::os::connect_to(configured_socket_path(), kControlSuffix, false);
     if (c >= 0 && ::send(c, msg, msg_len, MSG_NOSIGNAL) == static_cast<ssize_t>(msg_len)) {
         n = ::recv(c, msg, sizeof(CtlReply) + capacity, 0);
         if (n == 0) errno = ECONNRESET;  // the emulator went away mid-call
@@ -152,7 +173,7 @@ int control_call(CtlOp op, const char *name, uint32_t name_len, int32_t level, i
     } else if (n > 0) {
         errno = EPROTO;
     }
-    std::free(msg);
+    if (msg != inline_msg) std::free(msg);
     return rc;
 }
 
@@ -162,7 +183,7 @@ namespace tarn::os {
 
 int route_socket_open()
 {
-    int fd = connect_to(emu::socket_path(), true);
+    int fd = connect_to(emu::configured_socket_path(), "", true);
     if (fd < 0) return -1;
     // The timeouts guarded connect(); the socket itself behaves like the
     // target's, whose reads and writes never time out.
