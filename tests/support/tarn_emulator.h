@@ -23,6 +23,7 @@ public:
     bool running() const { return pid_ > 0; }
     // The clients' local stream socket.
     const std::string &socket_path() const { return socket_; }
+    const std::string &control_path() const { return control_; }
     KernelEmulator &kernel() { return kernel_; }
 
     // A connected, blocking stream socket to the emulator; -1 on failure.
