@@ -1,6 +1,7 @@
 // tarn-emu: the routing daemon tarn, emulated on a Linux host so that the
 // library's routing-daemon client and the daemons built on it run end to
 // end. Routes it is given go into the kernel emulator.
+#include <arpa/inet.h>
 #include <getopt.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -105,7 +106,13 @@ int main(int argc, char **argv)
             if (!parse_number(optarg, 65535, n)) error = "--tcp: not a port: " + std::string(optarg);
             scfg.tcp_port = static_cast<int>(n);
             break;
-        case kTcpAddress: scfg.tcp_address = optarg; break;
+        case kTcpAddress: {
+            in6_addr any;
+            if (::inet_pton(AF_INET, optarg, &any) != 1 && ::inet_pton(AF_INET6, optarg, &any) != 1)
+                error = "--tcp-address: not a numeric IPv4 or IPv6 address: " + std::string(optarg);
+            scfg.tcp_address = optarg;
+            break;
+        }
         case kSocketMode: {
             char *end = nullptr;
             errno = 0;
