@@ -15,11 +15,8 @@ SessionSeen &seen_of(tarn_session_handle *s)
 
 const tarn_session_funs kFuns = [] {
     tarn_session_funs f{};
-    f.tsf_connection_status = [](tarn_session_handle *s, int, int status) {
-        SessionSeen &w = seen_of(s);
-        if (w.status >= 0) ++w.losses;
-        w.status = status;
-    };
+    f.tsf_connection_status = [](tarn_session_handle *s, int, int status) { seen_of(s).status = status; };
+    f.tsf_connection_lost = [](tarn_session_handle *s, int, int) { ++seen_of(s).losses; };
     f.tsf_protocol_register = [](tarn_session_handle *s, uint32_t, uint16_t, uint32_t gw,
                                  uint32_t result) {
         seen_of(s).gw = gw;

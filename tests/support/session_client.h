@@ -14,7 +14,7 @@ namespace tarn::test {
 // What the session's callbacks saw.
 struct SessionSeen {
     int status = -1;  // last connection status (TARN_CONNECT_...)
-    int losses = 0;   // connection-status calls after the first
+    int losses = 0;   // connection-lost calls
     uint32_t gw = 0, reg_result = 99, add_result = 99, delete_result = 99;
     uint64_t adds = 0, deletes = 0;  // replies of each kind
 };
