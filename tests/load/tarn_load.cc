@@ -52,11 +52,15 @@ The emulators' resident memory is printed before and after each phase.
                   at most 65536)
   --queue-bound Q the kernel emulator's notification bound per socket
                   (default 4096)
+  --rounds N      run the kernel phase N times against the same emulator
+                  (default 1); the emulator's memory after each round shows
+                  whether it grows from round to round or stays flat
   --help          this text
 )";
 
 struct Options {
-    long daemons = 8, routes = 500, listeners = 2, sessions = 8, requests = 50, queue_bound = 4096;
+    long daemons = 8, routes = 500, listeners = 2, sessions = 8, requests = 50, queue_bound = 4096,
+         rounds = 1;
 };
 
 bool parse_count(const char *text, long max, long &out)
@@ -383,7 +387,8 @@ int main(int argc, char **argv)
         {"daemons", required_argument, nullptr, 'd'},  {"routes", required_argument, nullptr, 'r'},
         {"listeners", required_argument, nullptr, 'l'}, {"sessions", required_argument, nullptr, 's'},
         {"requests", required_argument, nullptr, 'q'}, {"queue-bound", required_argument, nullptr, 'b'},
-        {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
+        {"rounds", required_argument, nullptr, 'n'},   {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0}};
     for (int c; (c = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
         bool good = true;
         switch (c) {
@@ -393,6 +398,7 @@ int main(int argc, char **argv)
         case 's': good = parse_count(optarg, 256, o.sessions); break;
         case 'q': good = parse_count(optarg, 65536, o.requests); break;
         case 'b': good = parse_count(optarg, 1L << 30, o.queue_bound) && o.queue_bound > 0; break;
+        case 'n': good = parse_count(optarg, 1000, o.rounds) && o.rounds > 0; break;
         case 'h': std::printf("Usage: %s%s", argv[0], kUsage); return 0;
         default: good = false; break;
         }
@@ -413,8 +419,12 @@ int main(int argc, char **argv)
         return 1;
     }
     std::fflush(stdout);  // the children must not print the parent's buffer again
-    bool ok = kernel_phase(o, kernel.pid());
-    std::fflush(stdout);
+    bool ok = true;
+    for (long round = 1; round <= o.rounds; ++round) {
+        if (o.rounds > 1) std::printf("round %ld\n", round);
+        ok = kernel_phase(o, kernel.pid()) && ok;
+        std::fflush(stdout);
+    }
     const std::string dir = tarn::kemu::make_temp_dir();
     ok = !dir.empty() && session_phase(o, dir, kernel) && ok;
     if (!dir.empty()) ::rmdir(dir.c_str());
