@@ -1,5 +1,4 @@
 // Who may reach a kernel emulator, and what its control path takes.
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <string>
@@ -13,13 +12,6 @@
 namespace tarn::test {
 namespace {
 
-unsigned mode_of(const std::string &path)
-{
-    struct stat st{};
-    if (::stat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) return 07777;
-    return st.st_mode & 0777;
-}
-
 TEST(KernelEmuAccess, SocketFilesAreOwnerOnlyUnlessWidened)
 {
     const struct {
@@ -30,8 +22,8 @@ TEST(KernelEmuAccess, SocketFilesAreOwnerOnlyUnlessWidened)
         SCOPED_TRACE(c.mode);
         KernelEmulator emu(c.args);
         ASSERT_TRUE(emu.running());
-        EXPECT_EQ(mode_of(emu.socket_path()), c.mode);
-        EXPECT_EQ(mode_of(emu.socket_path() + ".ctl"), c.mode);
+        EXPECT_EQ(socket_file_mode(emu.socket_path()), c.mode);
+        EXPECT_EQ(socket_file_mode(emu.socket_path() + ".ctl"), c.mode);
     }
 }
 

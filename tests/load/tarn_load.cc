@@ -129,6 +129,19 @@ bool collect(Child<Result> &c, Result &r)
     return got == sizeof r && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+// Collects every child's result into `sum`; false when any failed.
+template <typename Result>
+bool collect_all(std::vector<Child<Result>> &children, Result &sum)
+{
+    bool ok = true;
+    for (auto &c : children) {
+        Result r{};
+        ok = collect(c, r) && ok;
+        sum += r;
+    }
+    return ok;
+}
+
 int count_reports(rtslib_cookie *, void *arg, int, const char *text)
 {
     ++*static_cast<long *>(arg);
@@ -146,6 +159,13 @@ void prefix_of(long daemon, long route, uint8_t out[4])
 
 struct DaemonResult {
     long added, deleted, reports, waits;
+    void operator+=(const DaemonResult &o)
+    {
+        added += o.added;
+        deleted += o.deleted;
+        reports += o.reports;
+        waits += o.waits;
+    }
 };
 
 // The routing socket is non-blocking: a request that finds the socket full
@@ -252,6 +272,13 @@ bool run_listener(long index, long expected, int ready, ListenerResult &r)
 
 struct SessionResult {
     long adds_ok, deletes_ok, replies, losses;
+    void operator+=(const SessionResult &o)
+    {
+        adds_ok += o.adds_ok;
+        deletes_ok += o.deletes_ok;
+        replies += o.replies;
+        losses += o.losses;
+    }
 };
 
 bool run_session(const std::string &path, long index, long requests, SessionResult &r)
@@ -304,14 +331,9 @@ bool kernel_phase(const Options &o, pid_t emu_pid)
     for (long d = 0; d < o.daemons; ++d)
         daemons.push_back(fork_child<DaemonResult>([&, d](DaemonResult &r) { return run_daemon(d, o.routes, r); }));
     bool ok = check(registered == o.listeners, "a listener did not start");
-    long added = 0, deleted = 0, waits = 0;
-    for (auto &c : daemons) {
-        DaemonResult r{};
-        ok = check(collect(c, r), "a daemon failed") && ok;
-        added += r.added;
-        deleted += r.deleted;
-        waits += r.waits;
-    }
+    DaemonResult sum{};
+    ok = check(collect_all(daemons, sum), "a daemon failed") && ok;
+    const long added = sum.added, deleted = sum.deleted, waits = sum.waits;
     // Listeners wait for every notification; after a failed daemon some
     // never come.
     if (!ok)
@@ -355,16 +377,9 @@ bool session_phase(const Options &o, const std::string &dir, const tarn::kemu::E
     for (long i = 0; i < o.sessions; ++i)
         sessions.push_back(fork_child<SessionResult>(
             [&, i](SessionResult &r) { return run_session(sock, i, o.requests, r); }));
-    bool ok = true;
-    long adds = 0, deletes = 0, replies = 0, losses = 0;
-    for (auto &c : sessions) {
-        SessionResult r{};
-        ok = check(collect(c, r), "a session failed") && ok;
-        adds += r.adds_ok;
-        deletes += r.deletes_ok;
-        replies += r.replies;
-        losses += r.losses;
-    }
+    SessionResult sum{};
+    bool ok = check(collect_all(sessions, sum), "a session failed");
+    const long adds = sum.adds_ok, deletes = sum.deletes_ok, replies = sum.replies, losses = sum.losses;
     const long left = route_count();
     std::printf("sessions: %ld sessions, %ld adds and %ld deletes succeeded, %ld replies, %ld connections "
                 "lost, in %.2f s; %ld routes left\n",

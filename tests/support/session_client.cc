@@ -30,6 +30,16 @@ const tarn_session_funs kFuns = [] {
         seen_of(s).delete_result = result;
         ++seen_of(s).deletes;
     };
+    f.tsf_rt_record = [](tarn_session_handle *s, const tarn_rt_record *r, size_t) {
+        seen_of(s).flash_kinds.push_back(r->rr_change);
+    };
+    f.tsf_rt_table_locate = [](tarn_session_handle *s, uint32_t table, uint32_t, uint32_t) {
+        seen_of(s).table = table;
+    };
+    f.tsf_local_as = [](tarn_session_handle *s, const tarn_local_as_reply *r) { seen_of(s).as = r->la_local_as; };
+    f.tsf_flash_register = [](tarn_session_handle *s, const tarn_flash_register_reply *r, size_t) {
+        seen_of(s).flash_result = r->fr_result;
+    };
     return f;
 }();
 

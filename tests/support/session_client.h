@@ -15,8 +15,10 @@ namespace tarn::test {
 struct SessionSeen {
     int status = -1;  // last connection status (TARN_CONNECT_...)
     int losses = 0;   // connection-lost calls
-    uint32_t gw = 0, reg_result = 99, add_result = 99, delete_result = 99;
+    uint32_t gw = 0, reg_result = 99, add_result = 99, delete_result = 99, flash_result = 99;
+    uint32_t as = 0, table = 99;  // local-AS and table-locate answers
     uint64_t adds = 0, deletes = 0;  // replies of each kind
+    std::vector<uint32_t> flash_kinds;  // the changes of flashed route records
 };
 
 class SessionClient {

@@ -2,7 +2,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -10,18 +9,12 @@
 
 #include <gtest/gtest.h>
 
+#include "emu_client.h"
 #include "tarn_emulator.h"
 #include "wire.h"
 
 namespace tarn::test {
 namespace {
-
-unsigned mode_of(const std::string &path)
-{
-    struct stat st{};
-    if (::stat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) return 07777;
-    return st.st_mode & 0777;
-}
 
 // The type of the next frame on `fd` (of a fresh connection: the connection
 // answer).
@@ -44,8 +37,8 @@ TEST(TarnEmuAccess, SocketFilesAreOwnerOnlyUnlessWidened)
         SCOPED_TRACE(mode);
         TarnEmulator emu(args);
         ASSERT_TRUE(emu.running());
-        EXPECT_EQ(mode_of(emu.socket_path()), mode);
-        EXPECT_EQ(mode_of(emu.control_path()), mode);
+        EXPECT_EQ(socket_file_mode(emu.socket_path()), mode);
+        EXPECT_EQ(socket_file_mode(emu.control_path()), mode);
     }
 }
 
