@@ -34,10 +34,12 @@ declare -A RUNS=(
   [tarn_dispatch_fuzz]=100000
   [tarn_emu_fuzz]=100000
   [monitor_json_fuzz]=40000
+  [kernel_control_fuzz]=20000
 )
 TARGETS=(patricia_fuzz itable_fuzz fuzz_msg_list fuzz_idl_tlv_envelope fuzz_idl_idr_envelope
   fuzz_idl_records kernel_emu_fuzz ifaddrs_walk_fuzz fuzz_async_dispatch gencfg_inflate_fuzz
-  format_fuzz qpipe_framing_fuzz tarn_dispatch_fuzz tarn_emu_fuzz monitor_json_fuzz)
+  format_fuzz qpipe_framing_fuzz tarn_dispatch_fuzz tarn_emu_fuzz monitor_json_fuzz
+  kernel_control_fuzz)
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$root/build/fuzz

@@ -29,7 +29,7 @@ public:
     // A connected, blocking stream socket to the emulator; -1 on failure.
     int connect_client() const;
     // Runs a control command: the whole answer ("ok\n" + output, or
-    // "error TEXT\n").
+    // "error TEXT\n" and, for a refused line, the reason).
     std::string control(const std::string &line) const;
     // The log so far.
     std::string log() const;
