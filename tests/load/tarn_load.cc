@@ -157,6 +157,7 @@ void prefix_of(long daemon, long route, uint8_t out[4])
     out[3] = static_cast<uint8_t>(route);
 }
 
+
 struct DaemonResult {
     long added, deleted, reports, waits;
     void operator+=(const DaemonResult &o)
@@ -170,14 +171,17 @@ struct DaemonResult {
 
 // The routing socket is non-blocking: a request that finds the socket full
 // fails with EAGAIN, and the daemon waits for room and sends it again, as a
-// daemon does under load. Counts those waits.
+// daemon does under load. Counts those waits. An acknowledgement that does
+// not come in time is also EAGAIN, but reported: the request went out, and
+// sending it again would be a second request.
 template <typename Request>
-int send_request(rtslib_cookie *h, long &waits, Request request)
+int send_request(rtslib_cookie *h, DaemonResult &r, Request request)
 {
     for (;;) {
+        const long reports = r.reports;
         const int rc = request();
-        if (rc != EAGAIN) return rc;
-        ++waits;
+        if (rc != EAGAIN || r.reports != reports) return rc;
+        ++r.waits;
         pollfd p{h->fd, POLLOUT, 0};
         ::poll(&p, 1, -1);
     }
@@ -191,14 +195,14 @@ bool run_daemon(long d, long routes, DaemonResult &r)
     for (long i = 0; i < routes; ++i) {
         prefix_of(d, i, prefix);
         uint32_t ack = 0;
-        if (send_request(h, r.waits, [&] {
+        if (send_request(h, r, [&] {
                 return rtslib_rtm_add(h, 0, TARN_AF_INET, 1, 0, 2, 0, 0, 0, 0, 5, 0, prefix, 32, nullptr, &ack);
             }) == 0 && ack != 0)
             ++r.added;
     }
     for (long i = 0; i < routes; ++i) {
         prefix_of(d, i, prefix);
-        if (send_request(h, r.waits, [&] {
+        if (send_request(h, r, [&] {
                 return rtslib_rtm_delete_prefix(h, 0, TARN_AF_INET, 1, 0, prefix, 32, 0);
             }) == 0)
             ++r.deleted;
