@@ -447,6 +447,8 @@ int main(int argc, char **argv)
     const std::string dir = tarn::kemu::make_temp_dir();
     ok = !dir.empty() && session_phase(o, dir, kernel) && ok;
     if (!dir.empty()) ::rmdir(dir.c_str());
+    // A clean exit: with the sanitizers, also nothing leaked.
+    ok = check(kernel.stop() == 0, "kernel emulator exit status") && ok;
     std::printf("%s\n", ok ? "reconciled" : "NOT reconciled");
     return ok ? 0 : 1;
 }
