@@ -1,5 +1,7 @@
 #include "emu_client.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -44,6 +46,13 @@ std::string socket_state(int fd, const std::string &field)
     for (std::string line; std::getline(in, line);)
         if (line.compare(0, field.size() + 1, field + " ") == 0) return line.substr(field.size() + 1);
     return {};
+}
+
+unsigned socket_file_mode(const std::string &path)
+{
+    struct stat st{};
+    if (::stat(path.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode)) return 07777;
+    return st.st_mode & 0777;
 }
 
 std::string hex(const std::vector<uint8_t> &bytes)

@@ -41,6 +41,9 @@
 //                             changes that notify listeners (TLV); KEYHEX "-" is
 //                             no key; FLAGS 0x20000 marks the blob compressed;
 //                             EEXIST / ENOENT when refused
+// A line over 4096 bytes is refused with E2BIG, one with a byte that is not
+// printable or more words than its command takes with EINVAL; neither has
+// any effect, and the emulator logs why.
 #ifndef TARN_TESTS_EMU_CLIENT_H
 #define TARN_TESTS_EMU_CLIENT_H
 
@@ -65,6 +68,10 @@ std::string command(int fd, const std::string &text, int *err = nullptr);
 // The value of `field` in the "state" of routing socket `fd` ("" if the
 // emulator does not know the socket or the field).
 std::string socket_state(int fd, const std::string &field);
+
+// The permission bits of the socket file at `path`; 07777 when it is not a
+// socket.
+unsigned socket_file_mode(const std::string &path);
 
 // `bytes` as the commands take them: two hex digits a byte, "-" for none.
 std::string hex(const std::vector<uint8_t> &bytes);

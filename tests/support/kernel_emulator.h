@@ -15,6 +15,11 @@ public:
     explicit KernelEmulator(std::vector<std::string> args = {});
 };
 
+// A second kernel emulator on `path` (one that another emulator left, to
+// stand for a restarted kernel): its pid once it accepts connections, or -1.
+// Stop it with kemu::terminate.
+pid_t start_kernel_emulator_at(const std::string &path);
+
 }  // namespace tarn::test
 
 #endif  // TARN_TESTS_KERNEL_EMULATOR_H

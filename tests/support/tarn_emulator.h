@@ -23,12 +23,13 @@ public:
     bool running() const { return pid_ > 0; }
     // The clients' local stream socket.
     const std::string &socket_path() const { return socket_; }
+    const std::string &control_path() const { return control_; }
     KernelEmulator &kernel() { return kernel_; }
 
     // A connected, blocking stream socket to the emulator; -1 on failure.
     int connect_client() const;
     // Runs a control command: the whole answer ("ok\n" + output, or
-    // "error TEXT\n").
+    // "error TEXT\n" and, for a refused line, the reason).
     std::string control(const std::string &line) const;
     // The log so far.
     std::string log() const;

@@ -463,18 +463,64 @@ std::string command_help()
     return out;
 }
 
-int Kernel::command(uint64_t id, const std::string &text, std::string &out)
+namespace {
+
+// The longest command line taken: the largest argument (a hex blob) fits
+// well below it, and anything beyond is a runaway script, not a command.
+constexpr size_t kMaxCommandLen = 4096;
+
+size_t count_words(const std::string &text)
 {
     std::istringstream in(text);
+    size_t n = 0;
+    for (std::string w; in >> w;) ++n;
+    return n;
+}
+
+// Why a command line is refused before any command sees it; empty when it
+// is well formed: bounded, printable, and no more words than its verb takes.
+std::string malformed(const std::string &text, const char *verb, const char *args)
+{
+    char why[128];
+    if (text.size() > kMaxCommandLen) {
+        std::snprintf(why, sizeof why, "command of %zu bytes is longer than %zu", text.size(),
+                      kMaxCommandLen);
+        return why;
+    }
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto b = static_cast<unsigned char>(text[i]);
+        if ((b < 0x20 || b > 0x7e) && b != '\t' && b != '\n' && b != '\r') {
+            std::snprintf(why, sizeof why, "byte 0x%02x at offset %zu is not printable", b, i);
+            return why;
+        }
+    }
+    if (verb != nullptr && count_words(text) > 1 + count_words(args)) {
+        std::snprintf(why, sizeof why, "%s takes at most %zu arguments", verb, count_words(args));
+        return why;
+    }
+    return {};
+}
+
+}  // namespace
+
+int Kernel::command(uint64_t id, const std::string &text, std::string &out)
+{
+    std::istringstream in(text.size() > kMaxCommandLen ? std::string() : text);
     std::string verb;
     in >> verb;
-    for (const auto &c : Commands::kTable) {
-        if (verb != c.name) continue;
-        Socket *s = socket(id);
-        if (c.needs_socket && s == nullptr) return EINVAL;
-        return c.run(*this, s, in, out);
+    const Commands::Entry *entry = nullptr;
+    for (const auto &c : Commands::kTable)
+        if (verb == c.name) entry = &c;
+    const std::string why = malformed(text, entry ? entry->name : nullptr, entry ? entry->args : "");
+    if (!why.empty()) {
+        log_.line("command refused: %s", why.c_str());
+        out = why + "\n";
+        return text.size() > kMaxCommandLen ? E2BIG : EINVAL;
     }
-    return EOPNOTSUPP;
+    if (entry == nullptr) return EOPNOTSUPP;
+    Socket *s = socket(id);
+    if (entry->needs_socket && s == nullptr) return EINVAL;
+    return entry->run(*this, s, in, out);
 }
 
 }  // namespace tarn::kemu

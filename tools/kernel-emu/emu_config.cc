@@ -98,6 +98,8 @@ Options:
                          the built-in set (see below)
   --ifs-max-clients N    value of the sysctl hw.product.ifs_max_clients
                          (default 8)
+  --socket-mode OCTAL    permission bits of PATH and PATH.ctl (default 0600:
+                         only this user may connect; 0660 or 0666 widens it)
   --log                  print one line per connection, option and message;
                          SIGUSR1 then prints the routing state (tables,
                          routes, multicast groups, interfaces)
@@ -142,14 +144,18 @@ interface lists (NET_RT_IFLIST kinds 1, 2 and 10) are served from this set.
 
 Tests script the emulator through PATH.ctl with commands; "help" lists them
 (state of a socket, injected messages, changes, stalled readers, dropped
-answers, state dumps).
+answers, state dumps). A command line is at most 4096 bytes of printable
+text with no more words than its command takes; anything else is refused
+(E2BIG or EINVAL, and a log line saying why) without effect. Larger
+configuration blobs go in through the routing socket.
 )";
     return u;
 }
 
 ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &error)
 {
-    enum { kSocket = 1, kIfVersion, kTypes, kTypeVersion, kFailOption, kQueueBound, kLog, kInterfaces, kIfsMaxClients };
+    enum { kSocket = 1, kIfVersion, kTypes, kTypeVersion, kFailOption, kQueueBound, kLog, kInterfaces, kIfsMaxClients,
+           kSocketMode };
     static const option opts[] = {
         {"socket", required_argument, nullptr, kSocket},
         {"interface-version", required_argument, nullptr, kIfVersion},
@@ -160,6 +166,7 @@ ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &erro
         {"log", no_argument, nullptr, kLog},
         {"interfaces", required_argument, nullptr, kInterfaces},
         {"ifs-max-clients", required_argument, nullptr, kIfsMaxClients},
+        {"socket-mode", required_argument, nullptr, kSocketMode},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
@@ -222,6 +229,17 @@ ParseOutcome parse_args(int argc, char **argv, EmuConfig &cfg, std::string &erro
             }
             cfg.ifs_max_clients = static_cast<uint32_t>(n);
             break;
+        case kSocketMode: {
+            char *end = nullptr;
+            errno = 0;
+            const unsigned long mode = std::strtoul(optarg, &end, 8);
+            if (errno != 0 || end == optarg || *end != '\0' || *optarg == '-' || mode > 0777) {
+                error = "--socket-mode takes octal permission bits from 0 to 0777";
+                return ParseOutcome::kError;
+            }
+            cfg.socket_mode = static_cast<unsigned>(mode);
+            break;
+        }
         case 'h':
             return ParseOutcome::kHelp;
         default:

@@ -27,6 +27,7 @@ struct EmuConfig {
     std::string interfaces_file;
     std::vector<IfChange> interfaces;
     uint32_t ifs_max_clients = 8;  // hw.product.ifs_max_clients
+    unsigned socket_mode = 0600;   // permission bits of both socket files
 };
 
 enum class ParseOutcome { kRun, kHelp, kError };

@@ -67,8 +67,11 @@ public:
 
     // A control command line (see command_help()) about socket `id` (0:
     // none). 0 with the command's output in `out`, or an errno value:
-    // EOPNOTSUPP for an unknown command, EINVAL for bad arguments or a
-    // missing socket, EEXIST or ENOENT for a change the kernel refused.
+    // EOPNOTSUPP for an unknown command, EINVAL for bad arguments, a
+    // missing socket, a byte that is not printable or more words than the
+    // command takes, E2BIG for a line over 4096 bytes (both refusals also
+    // logged, with the reason in `out`), EEXIST or ENOENT for a change the
+    // kernel refused.
     int command(uint64_t id, const std::string &text, std::string &out);
 
     const Routing &routing() const { return routing_; }

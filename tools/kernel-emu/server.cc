@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -40,7 +41,10 @@ bool path_in_use(const std::string &path)
     return used;
 }
 
-int listen_on(const std::string &path, std::string &error)
+// The socket file is created owner-only (the umask holds while binding, so
+// it is never wider, not even for a moment) and widened afterwards only when
+// the configuration asks for it.
+int listen_on(const std::string &path, unsigned mode, std::string &error)
 {
     if (path.size() >= sizeof(sockaddr_un{}.sun_path)) {
         error = "socket path too long: " + path;
@@ -53,8 +57,13 @@ int listen_on(const std::string &path, std::string &error)
     ::unlink(path.c_str());  // a stale file left by a killed emulator
     int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     sockaddr_un addr = unix_address(path);
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-        ::listen(fd, 128) != 0) {
+    bool bound = false;
+    if (fd >= 0) {
+        const mode_t old_mask = ::umask(0177);
+        bound = ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+        ::umask(old_mask);
+    }
+    if (!bound || (mode != 0600 && ::chmod(path.c_str(), mode) != 0) || ::listen(fd, 128) != 0) {
         error = "cannot listen on " + path + ": " + std::strerror(errno);
         if (fd >= 0) ::close(fd);
         return -1;
@@ -123,9 +132,9 @@ Server::~Server()
 
 bool Server::listen(std::string &error)
 {
-    routing_listen_fd_ = listen_on(cfg_.socket_path, error);
+    routing_listen_fd_ = listen_on(cfg_.socket_path, cfg_.socket_mode, error);
     if (routing_listen_fd_ < 0) return false;
-    control_listen_fd_ = listen_on(ctl_path_, error);
+    control_listen_fd_ = listen_on(ctl_path_, cfg_.socket_mode, error);
     if (control_listen_fd_ < 0) {
         ::close(routing_listen_fd_);
         routing_listen_fd_ = -1;

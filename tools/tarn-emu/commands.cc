@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cinttypes>
+#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 
@@ -165,20 +166,48 @@ std::string command_help()
     return out;
 }
 
+namespace {
+
+size_t count_words(const std::string &text)
+{
+    std::istringstream in(text);
+    size_t n = 0;
+    for (std::string w; in >> w;) ++n;
+    return n;
+}
+
+}  // namespace
+
 std::string Server::command(const std::string &line, int &err)
 {
     // Trailing blanks (and a CR from a terminal) would read as an argument.
-    std::istringstream in(line.substr(0, line.find_last_not_of(" \t\r") + 1));
+    const std::string text = line.substr(0, line.find_last_not_of(" \t\r") + 1);
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto b = static_cast<unsigned char>(text[i]);
+        if ((b < 0x20 || b > 0x7e) && b != '\t') {
+            char why[80];
+            std::snprintf(why, sizeof why, "byte 0x%02x at offset %zu is not printable\n", b, i);
+            err = EINVAL;
+            return why;
+        }
+    }
+    std::istringstream in(text);
     std::string verb, out;
     in >> verb;
     in >> std::ws;
     for (const auto &c : Commands::kTable)
         if (verb == c.name) {
+            // Words beyond those the command takes are a mistake, not
+            // something to ignore.
+            if (count_words(text) > 1 + count_words(c.args)) {
+                err = EINVAL;
+                return verb + " takes at most " + std::to_string(count_words(c.args)) + " arguments\n";
+            }
             err = c.run(*this, in, out);
             return out;
         }
     err = EOPNOTSUPP;
-    return {};
+    return "unknown command; \"help\" lists them\n";
 }
 
 }  // namespace tarn::temu

@@ -1,6 +1,7 @@
 // tarn-emu: the routing daemon tarn, emulated on a Linux host so that the
 // library's routing-daemon client and the daemons built on it run end to
 // end. Routes it is given go into the kernel emulator.
+#include <arpa/inet.h>
 #include <getopt.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -29,10 +30,18 @@ to a local stream socket (and, when asked, to a loopback TCP port); routes they
 add are installed in the kernel emulator through the routing socket.
 
   --listen PATH    local stream socket for clients (default /tmp/tarn-emu.sock)
-  --tcp PORT       also listen on 127.0.0.1:PORT (0: any free port, logged)
+  --tcp PORT       also listen on TCP port PORT of 127.0.0.1 (0: any free
+                   port; the address and port are logged)
+  --tcp-address A  the numeric address for --tcp instead of loopback (::1,
+                   or 0.0.0.0 to be reachable from other machines)
+  --socket-mode M  octal permission bits of the local sockets (--listen and
+                   --control); default 0600, only this user may connect
   --kernel PATH    the kernel emulator's socket (default $TARN_KERNEL_SOCKET)
   --control PATH   control socket: one command line per connection, answered
-                   with "ok" or "error TEXT" and the output ("help" lists them)
+                   with "ok" or "error TEXT" and the output ("help" lists them);
+                   a line over 4096 bytes, with bytes that are not printable
+                   or more words than its command takes is refused with
+                   "error TEXT" and the reason
   --config FILE    "local-as NAME AS TABLE [confederation]" lines and the
                    paths the LSP-ping queries find, "KIND KEY... [ATTR=VALUE]...":
                      lsp NAME            src dst tunnel lsp-id uptime path
@@ -61,7 +70,7 @@ SIGTERM, SIGINT or the control command "shutdown" stop it cleanly; SIGUSR1
 writes its state into the log.
 )";
 
-enum { kListen = 1, kTcp, kKernel, kControl, kConfig, kLog, kQueue, kHelp };
+enum { kListen = 1, kTcp, kTcpAddress, kSocketMode, kKernel, kControl, kConfig, kLog, kQueue, kHelp };
 
 bool parse_number(const char *text, long max, long &out)
 {
@@ -81,6 +90,8 @@ int main(int argc, char **argv)
         {"kernel", required_argument, nullptr, kKernel}, {"control", required_argument, nullptr, kControl},
         {"config", required_argument, nullptr, kConfig}, {"log", required_argument, nullptr, kLog},
         {"queue-bound", required_argument, nullptr, kQueue}, {"help", no_argument, nullptr, kHelp},
+        {"tcp-address", required_argument, nullptr, kTcpAddress},
+        {"socket-mode", required_argument, nullptr, kSocketMode},
         {nullptr, 0, nullptr, 0}};
     ServerConfig scfg;
     scfg.listen_path = "/tmp/tarn-emu.sock";
@@ -95,6 +106,22 @@ int main(int argc, char **argv)
             if (!parse_number(optarg, 65535, n)) error = "--tcp: not a port: " + std::string(optarg);
             scfg.tcp_port = static_cast<int>(n);
             break;
+        case kTcpAddress: {
+            in6_addr any;
+            if (::inet_pton(AF_INET, optarg, &any) != 1 && ::inet_pton(AF_INET6, optarg, &any) != 1)
+                error = "--tcp-address: not a numeric IPv4 or IPv6 address: " + std::string(optarg);
+            scfg.tcp_address = optarg;
+            break;
+        }
+        case kSocketMode: {
+            char *end = nullptr;
+            errno = 0;
+            const unsigned long mode = std::strtoul(optarg, &end, 8);
+            if (errno != 0 || end == optarg || *end != '\0' || *optarg == '-' || mode > 0777)
+                error = "--socket-mode: not octal permission bits (0 to 0777): " + std::string(optarg);
+            scfg.socket_mode = static_cast<unsigned>(mode);
+            break;
+        }
         case kKernel: kernel_path = optarg; break;
         case kControl: scfg.control_path = optarg; break;
         case kLog: log_path = optarg; break;

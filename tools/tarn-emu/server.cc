@@ -1,10 +1,12 @@
 #include "server.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -19,6 +21,9 @@
 namespace tarn::temu {
 namespace {
 
+// The longest control line taken; commands are a verb and a few short words.
+constexpr size_t kMaxControlLine = 4096;
+
 int64_t now_ms()
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -26,7 +31,9 @@ int64_t now_ms()
         .count();
 }
 
-int listen_unix(const std::string &path, std::string &error)
+// Owner-only while binding (the umask holds, so the file is never wider,
+// not even for a moment), widened afterwards when the configuration says.
+int listen_unix(const std::string &path, unsigned mode, std::string &error)
 {
     sockaddr_un addr{};
     if (path.size() >= sizeof addr.sun_path) {
@@ -37,8 +44,13 @@ int listen_unix(const std::string &path, std::string &error)
     std::memcpy(addr.sun_path, path.c_str(), path.size());
     ::unlink(path.c_str());  // a stale file left by a killed emulator
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-        ::listen(fd, 128) != 0) {
+    bool bound = false;
+    if (fd >= 0) {
+        const mode_t old_mask = ::umask(0177);
+        bound = ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+        ::umask(old_mask);
+    }
+    if (!bound || (mode != 0600 && ::chmod(path.c_str(), mode) != 0) || ::listen(fd, 128) != 0) {
         error = "cannot listen on " + path + ": " + std::strerror(errno);
         if (fd >= 0) ::close(fd);
         return -1;
@@ -46,23 +58,41 @@ int listen_unix(const std::string &path, std::string &error)
     return fd;
 }
 
-int listen_tcp(int port, std::string &error, int &bound)
+// `address` is numeric (IPv4 or IPv6); `shown` gets the address and port
+// the socket really has, as the log prints them.
+int listen_tcp(const std::string &address, int port, std::string &error, std::string &shown)
 {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
+    sockaddr_storage addr{};
+    socklen_t len = 0;
+    auto *v4 = reinterpret_cast<sockaddr_in *>(&addr);
+    auto *v6 = reinterpret_cast<sockaddr_in6 *>(&addr);
+    if (::inet_pton(AF_INET, address.c_str(), &v4->sin_addr) == 1) {
+        v4->sin_family = AF_INET;
+        v4->sin_port = htons(static_cast<uint16_t>(port));
+        len = sizeof *v4;
+    } else if (::inet_pton(AF_INET6, address.c_str(), &v6->sin6_addr) == 1) {
+        v6->sin6_family = AF_INET6;
+        v6->sin6_port = htons(static_cast<uint16_t>(port));
+        len = sizeof *v6;
+    } else {
+        error = "not a numeric IPv4 or IPv6 address: " + address;
+        return -1;
+    }
     const int one = 1;
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    socklen_t len = sizeof addr;
+    int fd = ::socket(addr.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0 || ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
-        ::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 || ::listen(fd, 128) != 0 ||
+        ::bind(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0 || ::listen(fd, 128) != 0 ||
         ::getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) != 0) {
-        error = "cannot listen on TCP port " + std::to_string(port) + ": " + std::strerror(errno);
+        error = "cannot listen on TCP " + address + " port " + std::to_string(port) + ": " +
+                std::strerror(errno);
         if (fd >= 0) ::close(fd);
         return -1;
     }
-    bound = ntohs(addr.sin_port);
+    char text[INET6_ADDRSTRLEN] = "";
+    const bool is_v4 = addr.ss_family == AF_INET;
+    ::inet_ntop(addr.ss_family, is_v4 ? static_cast<void *>(&v4->sin_addr) : &v6->sin6_addr, text,
+                sizeof text);
+    shown = std::string(text) + " port " + std::to_string(ntohs(is_v4 ? v4->sin_port : v6->sin6_port));
     return fd;
 }
 
@@ -81,16 +111,16 @@ Server::~Server()
 bool Server::listen(std::string &error)
 {
     if (!cfg_.listen_path.empty()) {
-        if ((unix_fd_ = listen_unix(cfg_.listen_path, error)) < 0) return false;
+        if ((unix_fd_ = listen_unix(cfg_.listen_path, cfg_.socket_mode, error)) < 0) return false;
         log_.line("listening on %s", cfg_.listen_path.c_str());
     }
     if (cfg_.tcp_port >= 0) {
-        int port = 0;
-        if ((tcp_fd_ = listen_tcp(cfg_.tcp_port, error, port)) < 0) return false;
-        log_.line("listening on 127.0.0.1 port %d", port);
+        std::string shown;
+        if ((tcp_fd_ = listen_tcp(cfg_.tcp_address, cfg_.tcp_port, error, shown)) < 0) return false;
+        log_.line("listening on %s", shown.c_str());
     }
     if (!cfg_.control_path.empty()) {
-        if ((control_fd_ = listen_unix(cfg_.control_path, error)) < 0) return false;
+        if ((control_fd_ = listen_unix(cfg_.control_path, cfg_.socket_mode, error)) < 0) return false;
         log_.line("control on %s", cfg_.control_path.c_str());
     }
     return true;
@@ -245,29 +275,46 @@ void Server::write_client(uint64_t id, Conn &c)
 }
 
 // One command line per connection: "ok" or "error TEXT", a line end, the
-// command's output; then the emulator closes.
+// command's output (for a refused line, why); then the emulator shuts its
+// side and reads what the client still sends until it closes, so that
+// unread input never turns the close into a reset that would lose the answer.
+// A line is at most kMaxControlLine bytes: a longer one is answered with an
+// error as soon as that many have come without a line end.
 void Server::serve_control(Control &c, short revents)
 {
-    if (!c.answered && (revents & (POLLIN | POLLHUP))) {
+    if ((c.draining || !c.answered) && (revents & (POLLIN | POLLHUP | POLLERR))) {
         char buf[4096];
         ssize_t n = ::recv(c.fd, buf, sizeof buf, MSG_DONTWAIT);
+        if (c.draining) {
+            if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) c.draining = false;
+            return;
+        }
         if (n > 0) c.in.append(buf, static_cast<size_t>(n));
         const size_t nl = c.in.find('\n');
-        if (nl != std::string::npos || n == 0) {
-            int err = 0;
+        int err = 0;
+        std::string output;
+        if ((nl == std::string::npos ? c.in.size() : nl) > kMaxControlLine) {
+            err = E2BIG;
+            output = "command line longer than " + std::to_string(kMaxControlLine) + " bytes\n";
+            log_.line("command refused: %s", output.c_str());
+            c.in.clear();
+        } else if (nl != std::string::npos || n == 0) {
             const std::string line = c.in.substr(0, nl);
-            const std::string output = command(line, err);
+            output = command(line, err);
             log_.line("command \"%s\" -> %s", line.c_str(), err ? std::strerror(err) : "ok");
-            c.out = (err ? std::string("error ") + std::strerror(err) : std::string("ok")) + "\n" + output;
-            c.answered = true;
-        } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
-            c.answered = true;  // nothing to say to it; closed below
+        } else {
+            if (n < 0 && errno != EAGAIN && errno != EINTR) c.answered = true;  // closed below
+            return;
         }
+        c.out = (err ? std::string("error ") + std::strerror(err) : std::string("ok")) + "\n" + output;
+        c.answered = true;
+        c.draining = true;
     }
     if (c.answered && !c.out.empty()) {
         ssize_t n = ::send(c.fd, c.out.data(), c.out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (n > 0) c.out.erase(0, static_cast<size_t>(n));
-        else if (n < 0 && errno != EAGAIN && errno != EINTR) c.out.clear();
+        else if (n < 0 && errno != EAGAIN && errno != EINTR) c.out.clear(), c.draining = false;
+        if (c.out.empty() && c.draining) ::shutdown(c.fd, SHUT_WR);
     }
 }
 
@@ -298,8 +345,10 @@ int Server::run(int signal_fd)
         fds.push_back({unix_fd_, POLLIN, 0});
         fds.push_back({tcp_fd_, POLLIN, 0});
         fds.push_back({control_fd_, POLLIN, 0});
-        for (const auto &c : controls_)
-            fds.push_back({c.fd, static_cast<short>(c.answered ? POLLOUT : POLLIN), 0});
+        for (const auto &c : controls_) {
+            const bool sending = c.answered && !c.out.empty();
+            fds.push_back({c.fd, static_cast<short>(sending ? POLLOUT : POLLIN), 0});
+        }
         for (const auto &[id, c] : conns_) {
             // A stalled client is not read: its writes back up into its own
             // queue. Hang-ups still show.
@@ -326,7 +375,7 @@ int Server::run(int signal_fd)
         size_t i = 4;
         for (auto &c : controls_) serve_control(c, fds[i++].revents);
         std::erase_if(controls_, [](Control &c) {
-            const bool done = c.answered && c.out.empty();
+            const bool done = c.answered && c.out.empty() && !c.draining;
             if (done) ::close(c.fd);
             return done;
         });

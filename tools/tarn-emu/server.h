@@ -21,7 +21,9 @@ namespace tarn::temu {
 struct ServerConfig {
     std::string listen_path;
     int tcp_port = -1;  // -1: no TCP; 0: any free port
+    std::string tcp_address = "127.0.0.1";  // numeric IPv4 or IPv6
     std::string control_path;
+    unsigned socket_mode = 0600;  // permission bits of the local socket files
     size_t queue_bound = 1u << 20;  // bytes waiting for one client
 };
 
@@ -64,6 +66,7 @@ private:
         int fd;
         std::string in, out;
         bool answered = false;
+        bool draining = false;  // answer sent, write side shut: reading to the end
     };
     friend struct Commands;
 
