@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "libtarn/rtslib/msg_io_internal.h"
+#include "libtarn/rtslib/scratch.h"
 #include "libtarn/rtslib/wire.h"
 #include <tarn/idl.h>
 #include <tarn/rtslib_msg.h>
@@ -70,6 +71,23 @@ int rtslib_msg_write_idl(rtslib_cookie *h, const void *record, const void *map)
     if (h == nullptr || record == nullptr) return EINVAL;
     void *buf = nullptr;
     uint32_t len = 0;
+    // The fixed-layout encoding of a message that fits one block goes
+    // through the thread's reused block: the bytes and rtslib_msglen are
+    // what the allocating encoder gives, without a 16 KiB block allocated and
+    // cleared per write.
+    if (map == nullptr) {
+        tarn::ScratchLease scratch(tarn::ScratchKind::encoding);
+        if (scratch.data() != nullptr) {
+            len = RTS_MSG_MAX;
+            const int rc = rtslib_msg_idl_encode_pa(h, record, scratch.data(), &len);
+            // A message too large for the block may have filled all of it.
+            scratch.mark(rc == 0 ? len : RTS_MSG_MAX);
+            if (rc == 0) {
+                rtslib_msglen = len;
+                return rtslib_write(h, scratch.data(), len);
+            }
+        }
+    }
     int rc = rtslib_msg_idl_encode(h, record, map, &buf, &len);
     if (rc != 0) return rc;
     rc = rtslib_write(h, buf, len);
