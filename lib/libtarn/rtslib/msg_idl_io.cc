@@ -1,6 +1,7 @@
 // Message I/O of IDL-encoded records: the envelope on top of the raw reads
 // and writes.
 #include <cerrno>
+#include <cstdlib>
 
 #include "libtarn/rtslib/msg_io_internal.h"
 #include "libtarn/rtslib/scratch.h"
@@ -10,6 +11,31 @@
 
 namespace tarn {
 
+// rtslib_msg_idl_decode for messages read here. Nearly every message decodes
+// into one block; the decoders clear each record, map and array they place,
+// and nothing else of the block is ever read, so a block straight from
+// malloc does, without clearing 16 KiB per message first. The block is the
+// record's (rtslib_msg_idl_release frees it) exactly as the library's
+// decoder would hand it out. Anything else (a larger message, a malformed
+// one) goes to rtslib_msg_idl_decode, which then sizes, retries and reports
+// as always: the quick attempt says nothing.
+int decode_message(rtslib_cookie *h, const void *buf, uint32_t len, void **record_out,
+                   void **map_out)
+{
+    if (void *block = std::malloc(RTS_MSG_MAX); block != nullptr) {
+        const rtslib_lib_error_fn sink = h->lib_error_fn;
+        h->lib_error_fn = nullptr;
+        const int rc = rtslib_msg_idl_decode_pa(h, buf, len, record_out, map_out, block,
+                                                RTS_MSG_MAX);
+        h->lib_error_fn = sink;
+        if (rc == 0 && *record_out == block) return 0;
+        std::free(block);
+        if (rc == 0 && *record_out == nullptr) return 0;  // a type without a member record
+        *record_out = nullptr;
+    }
+    return rtslib_msg_idl_decode(h, buf, len, record_out, map_out);
+}
+
 int decode_record(rtslib_cookie *h, const void *buf, uint32_t len, void **record_out,
                   void **map_out, void *arena_base, uint32_t arena_size)
 {
@@ -17,7 +43,7 @@ int decode_record(rtslib_cookie *h, const void *buf, uint32_t len, void **record
     int rc = arena_base != nullptr
                  ? rtslib_msg_idl_decode_pa(h, buf, len, record_out, map_out, arena_base,
                                             arena_size)
-                 : rtslib_msg_idl_decode(h, buf, len, record_out, map_out);
+                 : decode_message(h, buf, len, record_out, map_out);
     if (rc != 0 || *record_out != nullptr) return rc;
     if (map_out != nullptr) *map_out = nullptr;
     // Decoded without error, so the envelope header (12 bytes) is there.

@@ -50,17 +50,11 @@ int read_idl_answer(rtslib_cookie *h, const Answer &answer)
                : rtslib_long_msg_read_idl(h, out, map);
 }
 
-// Reads the answer, waiting for it only when it is not there yet. A local
-// kernel (the host's emulator sharing our CPU, or the target's own) has
-// usually queued it by the time the write returns, and trying the read first
-// then spares the wait's system call. A read that finds nothing consumes
-// nothing and reports nothing, so it can simply be tried again.
+// Waits for the answer, then reads it.
 template <typename Read>
 int read_when_answered(rtslib_cookie *h, os::AnswerWait how, Read read)
 {
-    int rc = read();
-    if (rc != EAGAIN) return rc;
-    rc = os::await_answer(h->fd, how);
+    const int rc = os::await_answer(h->fd, how);
     return rc != 0 ? rc : read();
 }
 
