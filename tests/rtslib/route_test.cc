@@ -49,6 +49,8 @@ TEST_F(RequestLayout, PrefixIsCopiedAndPaddedToWholeWords)
         {24, {0xc0, 0xa8, 0x01, 0}},
         {32, {0xc0, 0xa8, 0x01, 0x02}},
         {33, {0xc0, 0xa8, 0x01, 0x02, 0xff, 0, 0, 0}},
+        // After a longer prefix: nothing of it may show in the padding.
+        {1, {0xc0, 0, 0, 0}},
     };
     for (const auto &c : cases) {
         ASSERT_EQ(rtslib_rtm_add(h_, 3, TARN_AF_INET, 1, 0x11, 2, 0, 0, 0, 0, 9, 0, prefix, c.plen,
@@ -109,6 +111,36 @@ TEST_F(RequestLayout, AddCarriesEveryArgumentInItsField)
     ASSERT_NE(rt, nullptr);
     EXPECT_EQ(rt->source_count, 0u);
     rtslib_msg_idl_release(h_, rt);
+}
+
+// The encoded length of every request stays published, and a request is the
+// same bytes as the record encoded on its own.
+TEST_F(RequestLayout, WrittenRequestIsItsRecordsEncoding)
+{
+    const uint8_t prefix[16] = {0x20, 0x01, 0x0d, 0xb8};
+    for (uint16_t plen : {128, 8}) {
+        rtslib_msglen = 0;
+        ASSERT_EQ(rtslib_rtm_add(h_, 0, TARN_AF_INET6, 1, 0, 2, 0, 0, 0, 0, 9, 0, prefix, plen,
+                                 nullptr, nullptr),
+                  0);
+        std::vector<uint8_t> sent(RTS_MSG_MAX);
+        const ssize_t n = ::recv(pair_[1], sent.data(), sent.size(), MSG_DONTWAIT);
+        ASSERT_GT(n, 0);
+        sent.resize(static_cast<size_t>(n));
+        EXPECT_EQ(rtslib_msglen, sent.size()) << plen;
+        void *rec = nullptr;
+        ASSERT_EQ(rtslib_msg_idl_decode(h_, sent.data(), static_cast<uint32_t>(n), &rec, nullptr), 0);
+        // Decoding fills in what the envelope says; a request leaves both at zero.
+        static_cast<rts_hdr_t *>(rec)->msg_magic = 0;
+        static_cast<rts_hdr_t *>(rec)->msglen = 0;
+        void *again = nullptr;
+        uint32_t len = 0;
+        ASSERT_EQ(rtslib_msg_idl_encode(h_, rec, nullptr, &again, &len), 0);
+        const auto *b = static_cast<uint8_t *>(again);
+        EXPECT_EQ(std::vector<uint8_t>(b, b + len), sent) << plen;
+        rtslib_msg_free(h_, again);
+        rtslib_msg_idl_release(h_, rec);
+    }
 }
 
 TEST_F(RequestLayout, EachRequestTakesOneSequenceNumberAndDeleteNone)
@@ -285,6 +317,31 @@ TEST_F(Routes, LostAcknowledgementIsReported)
     EXPECT_EQ(idx, 1234u);
     EXPECT_EQ(reports_.reports,
               std::vector<Report>({{3, "rtslib: ERROR  failed to get route add ack index\n"}}));
+}
+
+// A stopped kernel lets requests pile up, so that it finds more of them
+// waiting than it takes in one read; every one must still be handled, in
+// order.
+TEST_F(Routes, RequestsQueuedWhileTheKernelIsStoppedAllArrive)
+{
+    ASSERT_EQ(::kill(emu_.pid(), SIGSTOP), 0);
+    uint32_t written = 0;
+    for (int rc = 0; written < 1000; ++written) {
+        const uint8_t hi = static_cast<uint8_t>(written >> 8), lo = static_cast<uint8_t>(written);
+        rc = add({10, hi, lo, 0}, 24, written);
+        if (rc == EAGAIN) break;
+        ASSERT_EQ(rc, 0);
+    }
+    ASSERT_EQ(::kill(emu_.pid(), SIGCONT), 0);
+    ASSERT_GT(written, 64u);  // more than one read's worth
+    EXPECT_EQ(command(h_->fd, "count"), "routes " + std::to_string(written) + "\n");
+    const uint32_t last = written - 1;
+    const uint8_t p[4] = {10, static_cast<uint8_t>(last >> 8), static_cast<uint8_t>(last), 0};
+    rt_msg_t *rt = nullptr;
+    ASSERT_EQ(rtslib_rtm_get_by_prefix(h_, TARN_AF_INET, p, 24, RTS_OP_GET, &rt, nullptr), 0);
+    EXPECT_EQ(rt->hdr.error, 0u);
+    EXPECT_EQ(rt->nhidx, last);
+    rtslib_msg_idl_release(h_, rt);
 }
 
 TEST_F(Routes, StateIsLoggedOnSigusr1)

@@ -64,6 +64,13 @@ void Emission::notify(void *record, const void *map)
     }
 }
 
+bool Emission::listened(unsigned type) const
+{
+    for (const auto &[id, s] : sockets_)
+        if (selects(s.state.listen_mask, type)) return true;
+    return false;
+}
+
 bool Emission::notify_bytes(const std::vector<uint8_t> &msg)
 {
     const int64_t type = message_type(msg.data(), msg.size());

@@ -52,6 +52,10 @@ public:
     // header (which is written into `record`).
     void notify(void *record, const void *map);
 
+    // Whether any socket listens for type `type`: a family may skip building
+    // a notification nobody would get.
+    bool listened(unsigned type) const;
+
     // A raw or enveloped message to every listener of its type; raw ones get
     // each socket's sequence number at header offset 12, envelopes go as
     // they are. False when the message is too short to have a type.

@@ -172,11 +172,11 @@ void Routing::fill_route_answer(const PrefixKey &pk, const Route &r, rt_msg_t &a
     answer.prefix = answer_prefix(answer_prefix_, pk, &answer.prefix_len);
     answer.source = nullptr;
     answer.source_count = 0;
-    if (!r.source.empty()) {
-        answer_source_ = r.source;
+    if (r.source != nullptr && !r.source->empty()) {
+        answer_source_ = *r.source;
         answer_sa_ = idl_sockaddr_gen_t{};
-        answer_sa_.sa_len = r.source[0];
-        answer_sa_.sa_family = r.source.size() > 1 ? r.source[1] : 0;
+        answer_sa_.sa_len = answer_source_[0];
+        answer_sa_.sa_family = answer_source_.size() > 1 ? answer_source_[1] : 0;
         answer_sa_.sa_addr = answer_source_.data();
         answer_sa_.sa_addr_len = static_cast<uint32_t>(answer_source_.size());
         answer_sa_slot_ = &answer_sa_;
@@ -190,6 +190,8 @@ void Routing::fill_route_answer(const PrefixKey &pk, const Route &r, rt_msg_t &a
 void Routing::notify_route(const rt_msg_t &req, uint8_t op, const PrefixKey &pk, const Route &r,
                            Emission &out)
 {
+    // A table load into a kernel nobody listens to is the common case.
+    if (!out.listened(RTS_MSG_ROUTE)) return;
     rt_msg_t note{};
     answer_header(req.hdr, note.hdr);
     note.hdr.op = op;
@@ -242,8 +244,8 @@ void Routing::route_request(const rt_msg_t &req, Emission &out)
         r.altfwdnhidx = req.altfwdnhidx;
         if (req.source_count > 0 && req.source != nullptr && req.source[0] != nullptr &&
             req.source[0]->sa_addr != nullptr)
-            r.source.assign(req.source[0]->sa_addr,
-                            req.source[0]->sa_addr + req.source[0]->sa_addr_len);
+            r.source = std::make_unique<std::vector<uint8_t>>(
+                req.source[0]->sa_addr, req.source[0]->sa_addr + req.source[0]->sa_addr_len);
         r.index = next_index_;
         next_index_ = static_cast<uint16_t>(next_index_ == 0xffff ? 1 : next_index_ + 1);
         it->second = t->store(std::move(r));
@@ -493,7 +495,7 @@ std::string Routing::dump() const
             std::snprintf(line, sizeof line,
                           "route %u af %u %s/%u type %u nh %u nhidx %u flags 0x%x index %u%s\n",
                           tk.tid, tk.af, hex(pk).c_str(), pk.plen, r.type, r.nh, r.nhidx,
-                          r.flags, r.index, r.source.empty() ? "" : " source");
+                          r.flags, r.index, r.source == nullptr || r.source->empty() ? "" : " source");
             out += line;
         }
     }

@@ -121,7 +121,9 @@ void Server::widen_buffers(uint64_t id, int fd)
 Server::Server(const EmuConfig &cfg, const EmuLog &log)
     : cfg_(cfg), log_(log), kernel_(cfg, log),
       ctl_path_(cfg.socket_path + emu::kControlSuffix),
-      rx_(std::max(kMaxMessage, sizeof(emu::CtlRequest) + emu::kMaxValueLen))
+      rx_(std::max(kMaxMessage, sizeof(emu::CtlRequest) + emu::kMaxValueLen)),
+      // Left uninitialised: only what messages fill ever becomes resident.
+      batch_bytes_(new uint8_t[kMaxMessage * kBatch]), batch_(kBatch), iov_(kBatch)
 {
 }
 
@@ -320,20 +322,39 @@ void Server::serve_control(int fd)
 
 bool Server::read_routing(uint64_t id, int fd)
 {
+    // Messages are taken in batches: a client that writes faster than we
+    // answer (loading a table, say) costs one wakeup and one system call per
+    // batch rather than per message, and a batch that comes back short means
+    // the socket is drained without a further read that finds nothing.
+    // Every slot can hold the largest message, but only the bytes that
+    // arrive touch memory.
     for (;;) {
-        ssize_t n = ::recv(fd, rx_.data(), rx_.size(), MSG_TRUNC | MSG_DONTWAIT);
-        if (n == 0) return false;
-        if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-        if (static_cast<size_t>(n) > rx_.size()) {
-            log_.line("socket %llu: message of %zd bytes is too large, dropped",
-                      static_cast<unsigned long long>(id), n);
-            continue;
+        for (size_t k = 0; k < kBatch; ++k) {
+            iov_[k] = {batch_bytes_.get() + k * kMaxMessage, kMaxMessage};
+            batch_[k] = {};
+            batch_[k].msg_hdr.msg_iov = &iov_[k];
+            batch_[k].msg_hdr.msg_iovlen = 1;
         }
-        kernel_.receive(id, rx_.data(), static_cast<size_t>(n));
-        // Like a kernel that fans a change out before the writer's system
-        // call returns: listeners have their notifications before the
-        // requester can have its answer.
-        flush_all(id);
+        const int got = ::recvmmsg(fd, batch_.data(), kBatch, MSG_TRUNC | MSG_DONTWAIT, nullptr);
+        if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        for (int k = 0; k < got; ++k) {
+            const size_t n = batch_[k].msg_len;
+            // An empty message is the peer's orderly close; whatever it sent
+            // before has been handled.
+            if (n == 0) return false;
+            if ((batch_[k].msg_hdr.msg_flags & MSG_TRUNC) != 0 || n > kMaxMessage) {
+                log_.line("socket %llu: message of %zu bytes is too large, dropped",
+                          static_cast<unsigned long long>(id), n);
+                continue;
+            }
+            kernel_.receive(id, static_cast<const uint8_t *>(iov_[k].iov_base), n);
+            // Like a kernel that fans a change out before the writer's system
+            // call returns: listeners have their notifications before the
+            // requester can have its answer.
+            flush_all(id);
+        }
+        if (got == 0) return false;
+        if (static_cast<size_t>(got) < kBatch) return true;
     }
 }
 

@@ -3,6 +3,9 @@
 #ifndef TARN_KERNEL_EMU_SERVER_H
 #define TARN_KERNEL_EMU_SERVER_H
 
+#include <sys/socket.h>
+#include <sys/uio.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -63,7 +66,12 @@ private:
     };
     std::vector<Conn> conns_;
     std::vector<int> control_fds_;
+    // Messages one read of a routing socket takes at most.
+    static constexpr size_t kBatch = 32;
     std::vector<uint8_t> rx_;
+    std::unique_ptr<uint8_t[]> batch_bytes_;
+    std::vector<mmsghdr> batch_;
+    std::vector<iovec> iov_;
 };
 
 }  // namespace tarn::kemu
