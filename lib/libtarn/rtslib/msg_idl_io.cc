@@ -1,40 +1,13 @@
 // Message I/O of IDL-encoded records: the envelope on top of the raw reads
 // and writes.
 #include <cerrno>
-#include <cstdlib>
 
 #include "libtarn/rtslib/msg_io_internal.h"
-#include "libtarn/rtslib/scratch.h"
 #include "libtarn/rtslib/wire.h"
 #include <tarn/idl.h>
 #include <tarn/rtslib_msg.h>
 
 namespace tarn {
-
-// rtslib_msg_idl_decode for messages read here. Nearly every message decodes
-// into one block; the decoders clear each record, map and array they place,
-// and nothing else of the block is ever read, so a block straight from
-// malloc does, without clearing 16 KiB per message first. The block is the
-// record's (rtslib_msg_idl_release frees it) exactly as the library's
-// decoder would hand it out. Anything else (a larger message, a malformed
-// one) goes to rtslib_msg_idl_decode, which then sizes, retries and reports
-// as always: the quick attempt says nothing.
-int decode_message(rtslib_cookie *h, const void *buf, uint32_t len, void **record_out,
-                   void **map_out)
-{
-    if (void *block = std::malloc(RTS_MSG_MAX); block != nullptr) {
-        const rtslib_lib_error_fn sink = h->lib_error_fn;
-        h->lib_error_fn = nullptr;
-        const int rc = rtslib_msg_idl_decode_pa(h, buf, len, record_out, map_out, block,
-                                                RTS_MSG_MAX);
-        h->lib_error_fn = sink;
-        if (rc == 0 && *record_out == block) return 0;
-        std::free(block);
-        if (rc == 0 && *record_out == nullptr) return 0;  // a type without a member record
-        *record_out = nullptr;
-    }
-    return rtslib_msg_idl_decode(h, buf, len, record_out, map_out);
-}
 
 int decode_record(rtslib_cookie *h, const void *buf, uint32_t len, void **record_out,
                   void **map_out, void *arena_base, uint32_t arena_size)
@@ -43,7 +16,7 @@ int decode_record(rtslib_cookie *h, const void *buf, uint32_t len, void **record
     int rc = arena_base != nullptr
                  ? rtslib_msg_idl_decode_pa(h, buf, len, record_out, map_out, arena_base,
                                             arena_size)
-                 : decode_message(h, buf, len, record_out, map_out);
+                 : rtslib_msg_idl_decode(h, buf, len, record_out, map_out);
     if (rc != 0 || *record_out != nullptr) return rc;
     if (map_out != nullptr) *map_out = nullptr;
     // Decoded without error, so the envelope header (12 bytes) is there.
@@ -97,23 +70,6 @@ int rtslib_msg_write_idl(rtslib_cookie *h, const void *record, const void *map)
     if (h == nullptr || record == nullptr) return EINVAL;
     void *buf = nullptr;
     uint32_t len = 0;
-    // The fixed-layout encoding of a message that fits one block goes
-    // through the thread's reused block: the bytes and rtslib_msglen are
-    // what the allocating encoder gives, without a 16 KiB block allocated and
-    // cleared per write.
-    if (map == nullptr) {
-        tarn::ScratchLease scratch(tarn::ScratchKind::encoding);
-        if (scratch.data() != nullptr) {
-            len = RTS_MSG_MAX;
-            const int rc = rtslib_msg_idl_encode_pa(h, record, scratch.data(), &len);
-            // A message too large for the block may have filled all of it.
-            scratch.mark(rc == 0 ? len : RTS_MSG_MAX);
-            if (rc == 0) {
-                rtslib_msglen = len;
-                return rtslib_write(h, scratch.data(), len);
-            }
-        }
-    }
     int rc = rtslib_msg_idl_encode(h, record, map, &buf, &len);
     if (rc != 0) return rc;
     rc = rtslib_write(h, buf, len);

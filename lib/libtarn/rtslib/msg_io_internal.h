@@ -18,12 +18,6 @@ int read_message(rtslib_cookie *h, uint8_t *buf, uint32_t size, uint32_t *len_ou
 // context the handle's counter follows the message.
 int check_sequence(rtslib_cookie *h, const uint8_t *msg);
 
-// rtslib_msg_idl_decode of a message this library read: the same results,
-// reports and ownership (the record's block is freed with
-// rtslib_msg_idl_release), without clearing a whole block first.
-int decode_message(rtslib_cookie *h, const void *buf, uint32_t len, void **record_out,
-                   void **map_out);
-
 // Decodes an envelope (into the caller's arena when arena_base is given)
 // for a caller that goes on to use the record. A type without a member
 // record decodes to no record at all; wherever a record is needed that is a

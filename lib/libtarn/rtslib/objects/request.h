@@ -12,8 +12,6 @@
 #include <tarn/idl.h>
 #include <tarn/rtslib.h>
 
-#include "libtarn/rtslib/scratch.h"
-
 namespace tarn {
 
 // Bytes a prefix of plen bits occupies in a request: whole 32-bit words.
@@ -48,21 +46,11 @@ inline int check_request(rtslib_cookie *h, bool args_ok)
 }
 
 // A message buffer filling up from its start: the record first, then
-// variable parts, each placed at the next suitably aligned offset. The block
-// is zero-filled and lives only as long as this object; it is the thread's
-// reused request block when that is free, else one from rtslib_msg_malloc.
+// variable parts, each placed at the next suitably aligned offset.
 class RequestBuffer {
 public:
-    explicit RequestBuffer(rtslib_cookie *h)
-        : h_(h), lease_(ScratchKind::request),
-          buf_(lease_.data() != nullptr ? lease_.data()
-                                        : static_cast<uint8_t *>(rtslib_msg_malloc(h)))
-    {
-    }
-    ~RequestBuffer()
-    {
-        if (lease_.data() == nullptr) rtslib_msg_free(h_, buf_);
-    }
+    explicit RequestBuffer(rtslib_cookie *h) : h_(h), buf_(static_cast<uint8_t *>(rtslib_msg_malloc(h))) {}
+    ~RequestBuffer() { rtslib_msg_free(h_, buf_); }
     RequestBuffer(const RequestBuffer &) = delete;
     RequestBuffer &operator=(const RequestBuffer &) = delete;
 
@@ -71,8 +59,6 @@ public:
     // The record at the start of the buffer; `used` moves past it.
     template <typename Record> Record *record()
     {
-        static_assert(sizeof(Record) <= RTS_MSG_MAX);
-        lease_.mark(sizeof(Record));
         used_ = sizeof(Record);
         return reinterpret_cast<Record *>(buf_);
     }
@@ -81,9 +67,16 @@ public:
     // when the buffer is full.
     uint8_t *take(uint32_t len, uint32_t align = 4);
 
+    // Hands the buffer to another owner (rtslib_msg_idl_release, say).
+    uint8_t *release()
+    {
+        uint8_t *b = buf_;
+        buf_ = nullptr;
+        return b;
+    }
+
 private:
     rtslib_cookie *h_;
-    ScratchLease lease_;
     uint8_t *buf_;
     uint32_t used_ = 0;
 };

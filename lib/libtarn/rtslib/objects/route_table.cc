@@ -77,7 +77,11 @@ int rtslib_rtbm_add_lr(rtslib_cookie *h, const char *name, uint16_t tid, uint8_t
     if (!place_name(rb, name, &rtb->name, &rtb->name_len)) return EINVAL;
     if (lr_name != nullptr && !place_name(rb, lr_name, &rtb->lr_name, &rtb->lr_name_len))
         return EINVAL;
-    return tarn::send_idl(h, &rtb->hdr, Answer{});
+    const int rc = tarn::send_idl(h, &rtb->hdr, Answer{});
+    // The add hands its request to the decoded-message release rather than
+    // the buffer free every other request uses; both free the same block.
+    rtslib_msg_idl_release(h, rb.release());
+    return rc;
 }
 
 int rtslib_rtbm_add(rtslib_cookie *h, const char *name, uint16_t tid, uint8_t af, uint8_t byte7)
