@@ -91,6 +91,29 @@ void TlvDecoder::bytes(unsigned bit, uint8_t **ptr, uint32_t *len)
     mark(bit);
 }
 
+void IdrEncoder::block_tail(const void *src, uint64_t at, const char *widths)
+{
+    auto *from = static_cast<const uint8_t *>(src);
+    for (; *widths && at + static_cast<uint8_t>(*widths) <= cap_; ++widths) {
+        auto w = static_cast<uint8_t>(*widths);
+        std::memcpy(out_ + at, from, w);
+        at += w;
+        from += w;
+    }
+}
+
+void IdrDecoder::block_tail(void *dst, const char *widths)
+{
+    auto *to = static_cast<uint8_t *>(dst);
+    for (; *widths && len_ - pos_ >= static_cast<uint8_t>(*widths); ++widths) {
+        auto w = static_cast<uint8_t>(*widths);
+        std::memcpy(to, in_ + pos_, w);
+        pos_ += w;
+        to += w;
+    }
+    fail(TARN_IDL_E_GARBLED);
+}
+
 void *IdrDecoder::obtain(uint64_t size)
 {
     void *p = obtain_zeroed(alloc_, alloc_ctx_, size);

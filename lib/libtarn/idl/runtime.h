@@ -346,6 +346,21 @@ public:
 
     TARN_IDL_HOT void end_fixed() { align(4); }
 
+    // Adjacent fields whose memory bytes are their wire bytes (the generator
+    // proves it for the build's layout): one copy after the first field's
+    // alignment. widths lists the fields' sizes, so that short output still
+    // receives exactly the whole fields that fit.
+    TARN_IDL_HOT void block(const void *src, uint32_t lead, uint32_t n, const char *widths)
+    {
+        align(lead);
+        uint64_t at = size_;
+        size_ += n;
+        if (size_ <= cap_)
+            std::memcpy(out_ + at, src, n);
+        else
+            block_tail(src, at, widths);
+    }
+
     void bytes(const uint8_t *p, uint32_t n)
     {
         if (p == nullptr) n = 0;
@@ -366,6 +381,8 @@ public:
     uint32_t size() const { return static_cast<uint32_t>(size_); }
 
 private:
+    void block_tail(const void *src, uint64_t at, const char *widths);
+
     TARN_IDL_HOT void align(uint32_t a)
     {
         uint64_t at = size_;
@@ -410,6 +427,19 @@ public:
 
     TARN_IDL_HOT void end_fixed() { align(4); }
 
+    // The decoding side of IdrEncoder::block: short input stores the whole
+    // fields that are there and fails, as field-by-field decoding would.
+    TARN_IDL_HOT void block(void *dst, uint32_t lead, uint32_t n, const char *widths)
+    {
+        if (!align(lead)) return;
+        if (len_ - pos_ >= n) {
+            std::memcpy(dst, in_ + pos_, n);
+            pos_ += n;
+        } else {
+            block_tail(dst, widths);
+        }
+    }
+
     // The block is obtained and stored before the input is checked, so that a
     // short buffer fails with the block held by the record.
     void bytes(uint8_t **ptr, uint32_t len);
@@ -434,6 +464,7 @@ public:
     int32_t result() const { return err_ ? err_ : static_cast<int32_t>(pos_); }
 
 private:
+    void block_tail(void *dst, const char *widths);
     void fail(int32_t code) { err_ = code; }
     TARN_IDL_HOT bool align(uint32_t a)
     {

@@ -192,47 +192,118 @@ void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t)
     o << "}\n\n";
 }
 
-// The fixed part of an IDR record. A nested record without variable parts is
+// The fixed part of an IDR record as a list of steps, each with the line
+// that converts it on its own. A nested record without variable parts is
 // written in place field by field (aligned to 4 and padded to 4 as its own
 // encoder would), which spares a call per nested record; one with variable
 // parts calls its encoder, which places them after its own fixed part.
-void emit_idr_fixed(std::ostream &o, const Model &model, const Type &t, const std::string &path,
-                    bool encode)
+struct FixedStep {
+    enum What { Align, Scalar, Other } what;
+    std::string line;
+    std::string field;       // Scalar: the member, as an lvalue
+    uint32_t width = 0;      // Scalar: bytes on the wire and in memory
+    uint32_t mem = 0;        // Scalar: offset in the outermost record
+};
+
+void collect_fixed(const Model &model, const Type &t, const std::string &path, bool encode,
+                   Abi abi, uint32_t base, std::vector<FixedStep> &out)
 {
-    const char *obj = encode ? "    e." : "    d.";
+    const std::string obj = encode ? "    e." : "    d.";
     const char *addr = encode ? "" : "&";
-    for (const Field &f : t.fields) {
+    MemoryLayout mem = memory_layout(model, t, abi);
+    auto step = [&](FixedStep::What what, std::string line) {
+        out.push_back({what, std::move(line), std::string(), 0, 0});
+    };
+    for (std::size_t i = 0; i < t.fields.size(); ++i) {
+        const Field &f = t.fields[i];
         std::string field = path + f.name;
         if (is_scalar(f.kind)) {
-            o << obj << kind_name(f.kind) << "(" << addr << field << ");\n";
+            uint32_t w = f.kind == Kind::U8 ? 1 : f.kind == Kind::U16 ? 2 : f.kind == Kind::U32 ? 4 : 8;
+            out.push_back({FixedStep::Scalar,
+                           obj + kind_name(f.kind) + "(" + addr + field + ");\n", field, w,
+                           base + mem.offsets[i]});
         } else if (f.kind == Kind::Bytes) {
-            if (encode)
-                o << obj << "count(" << field << " ? " << path << count_name(f) << " : 0);\n";
-            else
-                o << obj << "count(&" << path << count_name(f) << ");\n";
+            step(FixedStep::Other,
+                           encode ? obj + "count(" + field + " ? " + path + count_name(f) + " : 0);\n"
+                                  : obj + "count(&" + path + count_name(f) + ");\n");
         } else if (f.kind == Kind::Array) {
-            if (encode)
-                o << obj << "count(idl::live_count(" << field << ", " << path << count_name(f)
-                  << "));\n";
-            else
-                o << obj << "count(&" << path << count_name(f) << ");\n";
+            step(FixedStep::Other,
+                           encode ? obj + "count(idl::live_count(" + field + ", " + path +
+                                        count_name(f) + "));\n"
+                                  : obj + "count(&" + path + count_name(f) + ");\n");
         } else if (holds_blocks(model, *model.find(f.type))) {
-            o << obj << "record(" << addr << field << ", &idr_" << (encode ? "encode_" : "decode_")
-              << f.type << "_0);\n";
+            step(FixedStep::Other, obj + "record(" + addr + field + ", &idr_" +
+                                                 (encode ? "encode_" : "decode_") + f.type +
+                                                 "_0);\n");
         } else {
-            o << obj << "end_fixed(); /* " << f.name << " */\n";
-            emit_idr_fixed(o, model, *model.find(f.type), field + ".", encode);
-            o << obj << "end_fixed();\n";
+            step(FixedStep::Align, obj + "end_fixed(); /* " + f.name + " */\n");
+            collect_fixed(model, *model.find(f.type), field + ".", encode, abi,
+                          base + mem.offsets[i], out);
+            step(FixedStep::Align, obj + "end_fixed();\n");
         }
     }
 }
 
-void emit_idr_functions(std::ostream &o, const Model &model, const Type &t)
+// Fields that follow one another without a gap both in memory and on the
+// wire are one block: the runtime copies them at once and falls back to
+// field-sized pieces only when the buffer ends inside the block. Every
+// variable part on the wire is a multiple of 4 long, so the wire position
+// modulo 4 is known here and tells where alignment adds padding; an
+// alignment step that adds none is dropped from a block.
+void emit_fixed(std::ostream &o, const std::vector<FixedStep> &steps, bool encode, Abi abi)
+{
+    if (abi == Abi::Generic) {
+        for (const FixedStep &s : steps) o << s.line;
+        return;
+    }
+    std::vector<const FixedStep *> run;
+    uint32_t run_lead = 1, run_end = 0, run_bytes = 0;
+    auto close = [&] {
+        if (run.size() == 1) o << run[0]->line;
+        if (run.size() > 1) {
+            std::string widths;
+            for (const FixedStep *s : run) widths += "\\" + std::to_string(s->width == 8 ? 10 : s->width);
+            o << (encode ? "    e.block(&" : "    d.block(&") << run[0]->field << ", " << run_lead
+              << ", " << run_bytes << ", \"" << widths << "\");\n";
+        }
+        run.clear();
+    };
+    uint32_t wire = 0;  // wire position modulo 4
+    for (const FixedStep &s : steps) {
+        if (s.what == FixedStep::Align) {
+            if (wire == 0 && !run.empty()) continue;
+            close();
+            o << s.line;
+            wire = 0;
+        } else if (s.what == FixedStep::Other) {
+            close();
+            o << s.line;
+            wire = 0;
+        } else {
+            uint32_t a = std::min<uint32_t>(s.width, 4);
+            uint32_t pad = (a - wire % a) % a;
+            if (run.empty() || pad != 0 || s.mem != run_end) {
+                close();
+                run_lead = a;
+                run_bytes = 0;
+            }
+            run.push_back(&s);
+            run_end = s.mem + s.width;
+            run_bytes += s.width;
+            wire = (wire + pad + s.width) % 4;
+        }
+    }
+    close();
+}
+
+void emit_idr_functions(std::ostream &o, const Model &model, const Type &t, Abi abi)
 {
     const std::string &n = t.name;
     o << "uint32_t idr_encode_" << n << "_0(const " << n << "_t *r, void *out, uint32_t out_len)\n{\n";
     o << "    idl::IdrEncoder e(out, out_len);\n";
-    emit_idr_fixed(o, model, t, "r->", true);
+    std::vector<FixedStep> steps;
+    collect_fixed(model, t, "r->", true, abi, 0, steps);
+    emit_fixed(o, steps, true, abi);
     o << "    e.end_fixed();\n";
     for (const Field &f : t.fields) {
         if (f.kind == Kind::Bytes)
@@ -247,7 +318,9 @@ void emit_idr_functions(std::ostream &o, const Model &model, const Type &t)
       << "_t *r, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
     o << "    *r = " << n << "_t{};\n";
     o << "    idl::IdrDecoder d(in, in_len, alloc, ctx);\n";
-    emit_idr_fixed(o, model, t, "r->", false);
+    steps.clear();
+    collect_fixed(model, t, "r->", false, abi, 0, steps);
+    emit_fixed(o, steps, false, abi);
     o << "    d.end_fixed();\n";
     for (const Field &f : t.fields) {
         if (f.kind == Kind::Bytes)
@@ -334,8 +407,29 @@ std::size_t family_units(const Model &model, const std::string &family, std::siz
     return (n + types_per_unit - 1) / types_per_unit;
 }
 
+namespace {
+
+// The build's layout as the generator sees it: a wrong guess fails the
+// compilation instead of copying the wrong bytes.
+void emit_abi_checks(std::ostream &o, const Model &model, const Type &t, Abi abi)
+{
+    MemoryLayout l = memory_layout(model, t, abi);
+    o << "static_assert(sizeof(" << t.name << "_t) == " << l.size << ", \"" << t.name
+      << " memory layout\");\n";
+    for (std::size_t i = 0; i < t.fields.size(); ++i)
+        o << "static_assert(offsetof(" << t.name << "_t, " << t.fields[i].name
+          << ") == " << l.offsets[i] << ");\n";
+}
+
+const char *abi_name(Abi abi)
+{
+    return abi == Abi::I386 ? "i386" : abi == Abi::X86_64 ? "x86_64" : "generic";
+}
+
+}  // namespace
+
 std::string emit_family(const Model &model, const std::string &family, std::size_t unit,
-                        std::size_t units)
+                        std::size_t units, Abi abi)
 {
     std::set<const Type *> mine;
     {
@@ -358,6 +452,13 @@ std::string emit_family(const Model &model, const std::string &family, std::size
     for (const Type &t : model.types)
         if (mine.count(&t)) emit_target_checks(o, model, t);
     o << "#endif\n\n";
+    if (abi != Abi::Generic) {
+        o << "/* Block copies assume the " << abi_name(abi) << " layout, little-endian. */\n";
+        o << "static_assert(std::endian::native == std::endian::little);\n";
+        for (const Type &t : model.types)
+            if (mine.count(&t) && t.idr) emit_abi_checks(o, model, t, abi);
+        o << "\n";
+    }
     o << "extern \"C\" {\n\n";
     for (const Type &t : model.types) {
         if (!mine.count(&t)) continue;
@@ -370,7 +471,7 @@ std::string emit_family(const Model &model, const std::string &family, std::size
             o << "const uint32_t idr_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
         o << "\n";
         if (t.tlv) emit_tlv_functions(o, model, t);
-        if (t.idr) emit_idr_functions(o, model, t);
+        if (t.idr) emit_idr_functions(o, model, t, abi);
     }
     for (const Choice &c : model.choices) {
         if (c.family != family || unit != 0) continue;
@@ -400,6 +501,41 @@ std::string emit_family(const Model &model, const std::string &family, std::size
         o << "const idl::ChoiceTable tarn::idl::" << c.name << "_choice = {" << c.limit << ", "
           << c.name << "_members};\n";
     }
+    return o.str();
+}
+
+std::string emit_reference(const Model &model)
+{
+    std::ostringstream o;
+    o << stamp("field-by-field reference codecs");
+    o << "#include <cstddef>\n\n#include <tarn/idl_records.h>\n\n#include \"libtarn/idl/runtime.h\"\n\n";
+    o << "namespace tarn::idl_ref {\n\nnamespace idl = tarn::idl;\n\n";
+    for (const Type &t : model.types) {
+        const std::string &n = t.name;
+        if (t.tlv)
+            o << "uint32_t tlv_encode_" << n << "_0(const " << n << "_t *, const " << n
+              << "_map_t *, void *, uint32_t);\nint32_t tlv_decode_" << n << "_0(" << n << "_t *, "
+              << n << "_map_t *, const void *, uint32_t, tarn_idl_alloc_fn, void *);\n"
+              << "void tlv_release_" << n << "_0(" << n << "_t *, " << n
+              << "_map_t *, tarn_idl_free_fn, void *);\n";
+        if (t.idr)
+            o << "uint32_t idr_encode_" << n << "_0(const " << n
+              << "_t *, void *, uint32_t);\nint32_t idr_decode_" << n << "_0(" << n
+              << "_t *, const void *, uint32_t, tarn_idl_alloc_fn, void *);\n";
+    }
+    o << "\n";
+    for (const Type &t : model.types) {
+        if (t.tlv) emit_tlv_functions(o, model, t);
+        if (t.idr) {
+            std::ostringstream idr;
+            emit_idr_functions(idr, model, t, Abi::Generic);
+            // Release is the library's own: the reference differs in how it
+            // converts, not in what it frees.
+            std::string text = idr.str();
+            o << text.substr(0, text.find("void idr_release_"));
+        }
+    }
+    o << "}  // namespace tarn::idl_ref\n";
     return o.str();
 }
 
