@@ -508,34 +508,57 @@ std::string emit_reference(const Model &model)
 {
     std::ostringstream o;
     o << stamp("field-by-field reference codecs");
-    o << "#include <cstddef>\n\n#include <tarn/idl_records.h>\n\n#include \"libtarn/idl/runtime.h\"\n\n";
+    o << "#include <cstddef>\n\n#include <tarn/idl_records.h>\n\n#include \"libtarn/idl/runtime.h\"\n"
+         "#include \"idl_reference.h\"\n\n";
     o << "namespace tarn::idl_ref {\n\nnamespace idl = tarn::idl;\n\n";
     for (const Type &t : model.types) {
         const std::string &n = t.name;
         if (t.tlv)
             o << "uint32_t tlv_encode_" << n << "_0(const " << n << "_t *, const " << n
               << "_map_t *, void *, uint32_t);\nint32_t tlv_decode_" << n << "_0(" << n << "_t *, "
-              << n << "_map_t *, const void *, uint32_t, tarn_idl_alloc_fn, void *);\n"
-              << "void tlv_release_" << n << "_0(" << n << "_t *, " << n
-              << "_map_t *, tarn_idl_free_fn, void *);\n";
+              << n << "_map_t *, const void *, uint32_t, tarn_idl_alloc_fn, void *);\n";
         if (t.idr)
             o << "uint32_t idr_encode_" << n << "_0(const " << n
               << "_t *, void *, uint32_t);\nint32_t idr_decode_" << n << "_0(" << n
               << "_t *, const void *, uint32_t, tarn_idl_alloc_fn, void *);\n";
     }
     o << "\n";
+    // Release is the library's own: the reference differs in how it
+    // converts, not in what it frees.
+    auto without_release = [](const std::string &text, const char *family) {
+        return text.substr(0, text.find(std::string("void ") + family + "_release_"));
+    };
     for (const Type &t : model.types) {
-        if (t.tlv) emit_tlv_functions(o, model, t);
-        if (t.idr) {
-            std::ostringstream idr;
-            emit_idr_functions(idr, model, t, Abi::Generic);
-            // Release is the library's own: the reference differs in how it
-            // converts, not in what it frees.
-            std::string text = idr.str();
-            o << text.substr(0, text.find("void idr_release_"));
-        }
+        std::ostringstream tlv, idr;
+        if (t.tlv) emit_tlv_functions(tlv, model, t);
+        if (t.idr) emit_idr_functions(idr, model, t, Abi::Generic);
+        o << without_release(tlv.str(), "tlv") << without_release(idr.str(), "idr");
     }
-    o << "}  // namespace tarn::idl_ref\n";
+    o << "}  // namespace tarn::idl_ref\n\n";
+    o << "namespace tarn::test::idlref {\n\nconst Codecs codecs[] = {\n";
+    for (const Type &t : model.types) {
+        const std::string &n = t.name;
+        o << "    {";
+        if (t.tlv)
+            o << "[](const void *r, const void *m, void *out, uint32_t len) { return "
+                 "idl_ref::tlv_encode_" << n << "_0(static_cast<const " << n << "_t *>(r), "
+              << "static_cast<const " << n << "_map_t *>(m), out, len); },\n     "
+              << "[](void *r, void *m, const void *in, uint32_t len, tarn_idl_alloc_fn a, void "
+                 "*c) { return idl_ref::tlv_decode_" << n << "_0(static_cast<" << n
+              << "_t *>(r), static_cast<" << n << "_map_t *>(m), in, len, a, c); },\n     ";
+        else
+            o << "nullptr, nullptr, ";
+        if (t.idr)
+            o << "[](const void *r, void *out, uint32_t len) { return idl_ref::idr_encode_" << n
+              << "_0(static_cast<const " << n << "_t *>(r), out, len); },\n     "
+              << "[](void *r, const void *in, uint32_t len, tarn_idl_alloc_fn a, void *c) { "
+                 "return idl_ref::idr_decode_" << n << "_0(static_cast<" << n
+              << "_t *>(r), in, len, a, c); }";
+        else
+            o << "nullptr, nullptr";
+        o << "},\n";
+    }
+    o << "};\n\n}  // namespace tarn::test::idlref\n";
     return o.str();
 }
 

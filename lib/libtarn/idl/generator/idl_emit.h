@@ -21,8 +21,9 @@ std::size_t family_units(const Model &model, const std::string &family, std::siz
 std::string emit_family(const Model &model, const std::string &family, std::size_t unit = 0,
                         std::size_t units = 1, Abi abi = Abi::Generic);
 // Every type's codecs converted field by field, in namespace tarn::idl_ref
-// (release excepted): what the block copies of emit_family are checked
-// against, byte for byte.
+// (release excepted), and the table tarn::test::idlref::codecs of the tests'
+// idl_reference.h in type order: what the block copies of emit_family are
+// checked against, byte for byte.
 std::string emit_reference(const Model &model);
 std::string emit_test_meta(const Model &model);
 // One line per type: name, target record size, target map size.
