@@ -91,26 +91,31 @@ void TlvDecoder::bytes(unsigned bit, uint8_t **ptr, uint32_t *len)
     mark(bit);
 }
 
-void IdrEncoder::block_tail(const void *src, uint64_t at, const char *widths)
+namespace {
+
+// The length of the longest run of whole pieces within `room` bytes.
+uint64_t whole_pieces(const char *pieces, uint64_t room)
 {
-    auto *from = static_cast<const uint8_t *>(src);
-    for (; *widths && at + static_cast<uint8_t>(*widths) <= cap_; ++widths) {
-        auto w = static_cast<uint8_t>(*widths);
-        std::memcpy(out_ + at, from, w);
-        at += w;
-        from += w;
-    }
+    uint64_t n = 0;
+    for (; *pieces && n + static_cast<uint8_t>(*pieces) <= room; ++pieces)
+        n += static_cast<uint8_t>(*pieces);
+    return n;
 }
 
-void IdrDecoder::block_tail(void *dst, const char *widths)
+}  // namespace
+
+void IdrEncoder::close_short(const uint8_t *scratch, const char *pieces)
 {
-    auto *to = static_cast<uint8_t *>(dst);
-    for (; *widths && len_ - pos_ >= static_cast<uint8_t>(*widths); ++widths) {
-        auto w = static_cast<uint8_t>(*widths);
-        std::memcpy(to, in_ + pos_, w);
-        pos_ += w;
-        to += w;
-    }
+    if (cap_ <= open_at_) return;
+    uint64_t n = whole_pieces(pieces, cap_ - open_at_);
+    if (n) std::memcpy(out_ + open_at_, scratch, n);
+}
+
+void IdrDecoder::open_short(uint32_t n, uint8_t *scratch, const char *pieces)
+{
+    uint64_t have = err_ ? 0 : whole_pieces(pieces, len_ - pos_);
+    if (have) std::memcpy(scratch, in_ + pos_, have);
+    std::memset(scratch + have, 0, n - have);
     fail(TARN_IDL_E_GARBLED);
 }
 

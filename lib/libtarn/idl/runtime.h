@@ -315,6 +315,27 @@ void release_array_idr(R **elems, uint32_t count, void (*rel)(R *, tarn_idl_free
 // to a multiple of 4; then the variable parts in field order: string bytes
 // padded to 4, array elements one after another.
 
+// Stores and loads of the stretches of IdrEncoder::open / IdrDecoder::open.
+// put writes `width` bytes: the value and, when wider than the field, the
+// zero gap that follows it.
+TARN_IDL_HOT inline void put(uint8_t *p, uint64_t v, uint32_t width) { store_le(p, v, width); }
+TARN_IDL_HOT inline void put_zeros(uint8_t *p, uint32_t n) { std::memset(p, 0, n); }
+template <class T>
+TARN_IDL_HOT inline void get(T *dst, const uint8_t *p)
+{
+    *dst = static_cast<T>(load_le(p, sizeof(T)));
+}
+// Runs of fields whose memory bytes are their wire bytes (little-endian
+// builds whose layout the generator checked), `at` bytes into the record.
+TARN_IDL_HOT inline void put_block(uint8_t *p, const void *rec, uint32_t at, uint32_t n)
+{
+    std::memcpy(p, static_cast<const uint8_t *>(rec) + at, n);
+}
+TARN_IDL_HOT inline void get_block(void *rec, uint32_t at, const uint8_t *p, uint32_t n)
+{
+    std::memcpy(static_cast<uint8_t *>(rec) + at, p, n);
+}
+
 template <class R>
 uint32_t live_count(R *const *elems, uint32_t count)
 {
@@ -346,19 +367,20 @@ public:
 
     TARN_IDL_HOT void end_fixed() { align(4); }
 
-    // Adjacent fields whose memory bytes are their wire bytes (the generator
-    // proves it for the build's layout): one copy after the first field's
-    // alignment. widths lists the fields' sizes, so that short output still
-    // receives exactly the whole fields that fit.
-    TARN_IDL_HOT void block(const void *src, uint32_t lead, uint32_t n, const char *widths)
+    // A stretch of n bytes whose layout the generator knows: the fields are
+    // stored at fixed offsets from the returned pointer, which is the output
+    // when the stretch fits and `scratch` otherwise; close() then passes on
+    // the whole fields and gaps that fit. `pieces` lists their sizes in order.
+    TARN_IDL_HOT uint8_t *open(uint32_t n, uint8_t *scratch, const char *)
     {
-        align(lead);
-        uint64_t at = size_;
+        open_at_ = size_;
         size_ += n;
-        if (size_ <= cap_)
-            std::memcpy(out_ + at, src, n);
-        else
-            block_tail(src, at, widths);
+        return size_ <= cap_ ? out_ + open_at_ : scratch;
+    }
+
+    TARN_IDL_HOT void close(const uint8_t *p, const uint8_t *scratch, const char *pieces)
+    {
+        if (p == scratch) close_short(scratch, pieces);
     }
 
     void bytes(const uint8_t *p, uint32_t n)
@@ -381,7 +403,7 @@ public:
     uint32_t size() const { return static_cast<uint32_t>(size_); }
 
 private:
-    void block_tail(const void *src, uint64_t at, const char *widths);
+    void close_short(const uint8_t *scratch, const char *pieces);
 
     TARN_IDL_HOT void align(uint32_t a)
     {
@@ -401,6 +423,7 @@ private:
     uint8_t *out_;
     uint64_t cap_;
     uint64_t size_ = 0;
+    uint64_t open_at_ = 0;
 };
 
 class IdrDecoder {
@@ -427,17 +450,18 @@ public:
 
     TARN_IDL_HOT void end_fixed() { align(4); }
 
-    // The decoding side of IdrEncoder::block: short input stores the whole
-    // fields that are there and fails, as field-by-field decoding would.
-    TARN_IDL_HOT void block(void *dst, uint32_t lead, uint32_t n, const char *widths)
+    // The decoding side of IdrEncoder::open: the input itself when the
+    // stretch is there, else `scratch` holding the whole fields that are (the
+    // rest zero, as the record was) and the decode failed.
+    TARN_IDL_HOT const uint8_t *open(uint32_t n, uint8_t *scratch, const char *pieces)
     {
-        if (!align(lead)) return;
-        if (len_ - pos_ >= n) {
-            std::memcpy(dst, in_ + pos_, n);
+        if (!err_ && len_ - pos_ >= n) {
+            const uint8_t *p = in_ + pos_;
             pos_ += n;
-        } else {
-            block_tail(dst, widths);
+            return p;
         }
+        open_short(n, scratch, pieces);
+        return scratch;
     }
 
     // The block is obtained and stored before the input is checked, so that a
@@ -464,7 +488,7 @@ public:
     int32_t result() const { return err_ ? err_ : static_cast<int32_t>(pos_); }
 
 private:
-    void block_tail(void *dst, const char *widths);
+    void open_short(uint32_t n, uint8_t *scratch, const char *pieces);
     void fail(int32_t code) { err_ = code; }
     TARN_IDL_HOT bool align(uint32_t a)
     {

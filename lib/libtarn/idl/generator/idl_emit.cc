@@ -198,11 +198,11 @@ void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t)
 // encoder would), which spares a call per nested record; one with variable
 // parts calls its encoder, which places them after its own fixed part.
 struct FixedStep {
-    enum What { Align, Scalar, Other } what;
+    enum What { Align, Scalar, Count, Record } what;
     std::string line;
-    std::string field;       // Scalar: the member, as an lvalue
-    uint32_t width = 0;      // Scalar: bytes on the wire and in memory
-    uint32_t mem = 0;        // Scalar: offset in the outermost record
+    std::string value;   // Scalar, Count: what is stored (encode) or the lvalue (decode)
+    uint32_t width = 0;  // Scalar: bytes on the wire and in memory
+    uint32_t mem = 0;    // Scalar: offset in the outermost record
 };
 
 void collect_fixed(const Model &model, const Type &t, const std::string &path, bool encode,
@@ -211,30 +211,26 @@ void collect_fixed(const Model &model, const Type &t, const std::string &path, b
     const std::string obj = encode ? "    e." : "    d.";
     const char *addr = encode ? "" : "&";
     MemoryLayout mem = memory_layout(model, t, abi);
-    auto step = [&](FixedStep::What what, std::string line) {
-        out.push_back({what, std::move(line), std::string(), 0, 0});
+    auto step = [&](FixedStep::What what, std::string line, std::string value = std::string(),
+                    uint32_t width = 0, uint32_t at = 0) {
+        out.push_back({what, std::move(line), std::move(value), width, at});
     };
     for (std::size_t i = 0; i < t.fields.size(); ++i) {
         const Field &f = t.fields[i];
         std::string field = path + f.name;
         if (is_scalar(f.kind)) {
             uint32_t w = f.kind == Kind::U8 ? 1 : f.kind == Kind::U16 ? 2 : f.kind == Kind::U32 ? 4 : 8;
-            out.push_back({FixedStep::Scalar,
-                           obj + kind_name(f.kind) + "(" + addr + field + ");\n", field, w,
-                           base + mem.offsets[i]});
-        } else if (f.kind == Kind::Bytes) {
-            step(FixedStep::Other,
-                           encode ? obj + "count(" + field + " ? " + path + count_name(f) + " : 0);\n"
-                                  : obj + "count(&" + path + count_name(f) + ");\n");
-        } else if (f.kind == Kind::Array) {
-            step(FixedStep::Other,
-                           encode ? obj + "count(idl::live_count(" + field + ", " + path +
-                                        count_name(f) + "));\n"
-                                  : obj + "count(&" + path + count_name(f) + ");\n");
+            step(FixedStep::Scalar, obj + kind_name(f.kind) + "(" + addr + field + ");\n", field, w,
+                 base + mem.offsets[i]);
+        } else if (f.kind == Kind::Bytes || f.kind == Kind::Array) {
+            std::string v = !encode ? path + count_name(f)
+                            : f.kind == Kind::Bytes
+                                ? field + " ? " + path + count_name(f) + " : 0"
+                                : "idl::live_count(" + field + ", " + path + count_name(f) + ")";
+            step(FixedStep::Count, obj + "count(" + addr + v + ");\n", v, 4);
         } else if (holds_blocks(model, *model.find(f.type))) {
-            step(FixedStep::Other, obj + "record(" + addr + field + ", &idr_" +
-                                                 (encode ? "encode_" : "decode_") + f.type +
-                                                 "_0);\n");
+            step(FixedStep::Record, obj + "record(" + addr + field + ", &idr_" +
+                                        (encode ? "encode_" : "decode_") + f.type + "_0);\n");
         } else {
             step(FixedStep::Align, obj + "end_fixed(); /* " + f.name + " */\n");
             collect_fixed(model, *model.find(f.type), field + ".", encode, abi,
@@ -244,56 +240,111 @@ void collect_fixed(const Model &model, const Type &t, const std::string &path, b
     }
 }
 
-// Fields that follow one another without a gap both in memory and on the
-// wire are one block: the runtime copies them at once and falls back to
-// field-sized pieces only when the buffer ends inside the block. Every
-// variable part on the wire is a multiple of 4 long, so the wire position
-// modulo 4 is known here and tells where alignment adds padding; an
-// alignment step that adds none is dropped from a block.
+// One stretch of the fixed part between nested records that have variable
+// parts: its size and every field's place in it are known here. Each stretch
+// starts at a multiple of 4 (so does whatever follows a nested record), so
+// the runtime checks room once per stretch and the fields become plain
+// stores at fixed offsets. Fields that follow one another without a gap both
+// in memory and on the wire are copied as one block; a gap on the wire is
+// written by widening the store of the field before it.
+class Segment {
+public:
+    explicit Segment(bool encode) : encode_(encode) {}
+
+    void add(const FixedStep &s)
+    {
+        if (s.what == FixedStep::Align) return pad_to(4);
+        uint32_t a = std::min<uint32_t>(s.width, 4);
+        pad_to(a);
+        bool joins = !items_.empty() && s.what == FixedStep::Scalar &&
+                     items_.back().what == FixedStep::Scalar && items_.back().gap == 0 &&
+                     items_.back().mem + items_.back().width == s.mem;
+        if (joins) {
+            items_.back().width += s.width;
+            items_.back().fields += 1;
+        } else {
+            items_.push_back({s.what, s.value, wire_, s.mem, s.width, 0, 1});
+        }
+        wire_ += s.width;
+        elements_ += piece(s.width);
+    }
+
+    bool empty() const { return items_.empty(); }
+
+    void emit(std::ostream &o, std::size_t serial)
+    {
+        pad_to(4);
+        std::string scratch = "s" + std::to_string(serial);
+        std::string p = "p" + std::to_string(serial);
+        o << "    uint8_t " << scratch << "[" << wire_ << "];\n";
+        o << (encode_ ? "    uint8_t *" : "    const uint8_t *") << p
+          << (encode_ ? " = e.open(" : " = d.open(") << wire_ << ", " << scratch << ", \""
+          << elements_ << "\");\n";
+        for (const Item &it : items_) {
+            std::string at = p + " + " + std::to_string(it.wire);
+            if (it.fields > 1) {
+                // By the record's address: the block spans several members.
+                o << (encode_ ? "    idl::put_block(" + at + ", r, " : "    idl::get_block(r, ")
+                  << it.mem << (encode_ ? "" : ", " + at) << ", " << it.width << "); /* "
+                  << it.value << " on */\n";
+                if (encode_ && it.gap)
+                    o << "    idl::put_zeros(" << p << " + " << it.wire + it.width << ", " << it.gap
+                      << ");\n";
+            } else if (encode_) {
+                o << "    idl::put(" << at << ", " << it.value << ", " << it.width + it.gap << ");\n";
+            } else {
+                o << "    idl::get(&" << it.value << ", " << at << ");\n";
+            }
+        }
+        if (encode_) o << "    e.close(" << p << ", " << scratch << ", \"" << elements_ << "\");\n";
+    }
+
+private:
+    struct Item {
+        FixedStep::What what;
+        std::string value;
+        uint32_t wire, mem, width, gap;
+        int fields;
+    };
+
+    static std::string piece(uint32_t n) { return "\\" + std::to_string(n == 8 ? 10 : n); }
+
+    void pad_to(uint32_t a)
+    {
+        uint32_t gap = (a - wire_ % a) % a;
+        if (gap == 0) return;
+        if (!items_.empty()) items_.back().gap += gap;
+        wire_ += gap;
+        elements_ += piece(gap);
+    }
+
+    bool encode_;
+    std::vector<Item> items_;
+    uint32_t wire_ = 0;
+    std::string elements_;  // sizes of the fields and gaps in order, as octal escapes
+};
+
 void emit_fixed(std::ostream &o, const std::vector<FixedStep> &steps, bool encode, Abi abi)
 {
     if (abi == Abi::Generic) {
         for (const FixedStep &s : steps) o << s.line;
         return;
     }
-    std::vector<const FixedStep *> run;
-    uint32_t run_lead = 1, run_end = 0, run_bytes = 0;
-    auto close = [&] {
-        if (run.size() == 1) o << run[0]->line;
-        if (run.size() > 1) {
-            std::string widths;
-            for (const FixedStep *s : run) widths += "\\" + std::to_string(s->width == 8 ? 10 : s->width);
-            o << (encode ? "    e.block(&" : "    d.block(&") << run[0]->field << ", " << run_lead
-              << ", " << run_bytes << ", \"" << widths << "\");\n";
-        }
-        run.clear();
+    std::size_t serial = 0;
+    Segment seg(encode);
+    auto flush = [&] {
+        if (!seg.empty()) seg.emit(o, serial++);
+        seg = Segment(encode);
     };
-    uint32_t wire = 0;  // wire position modulo 4
     for (const FixedStep &s : steps) {
-        if (s.what == FixedStep::Align) {
-            if (wire == 0 && !run.empty()) continue;
-            close();
+        if (s.what == FixedStep::Record) {
+            flush();
             o << s.line;
-            wire = 0;
-        } else if (s.what == FixedStep::Other) {
-            close();
-            o << s.line;
-            wire = 0;
         } else {
-            uint32_t a = std::min<uint32_t>(s.width, 4);
-            uint32_t pad = (a - wire % a) % a;
-            if (run.empty() || pad != 0 || s.mem != run_end) {
-                close();
-                run_lead = a;
-                run_bytes = 0;
-            }
-            run.push_back(&s);
-            run_end = s.mem + s.width;
-            run_bytes += s.width;
-            wire = (wire + pad + s.width) % 4;
+            seg.add(s);
         }
     }
-    close();
+    flush();
 }
 
 void emit_idr_functions(std::ostream &o, const Model &model, const Type &t, Abi abi)
