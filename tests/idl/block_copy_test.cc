@@ -56,23 +56,27 @@ void same_output(Lib lib, Ref ref)
     }
 }
 
-// Decodes `image` cut to every length with both decoders: same result, and
-// records whose reference encodings agree. maps: whether TLV maps are used.
+// Decodes `image` cut to every length, and whole with the first allocation
+// failing, with both decoders: same result, and records whose reference
+// encodings agree. maps: whether TLV maps are used.
 template <class LibDecode, class RefDecode, class Reencode, class Release>
 void same_records(const Type &t, const std::vector<uint8_t> &image, bool maps, LibDecode lib,
                   RefDecode ref, Reencode reencode, Release release)
 {
-    for (uint32_t len : lengths(static_cast<uint32_t>(image.size()))) {
+    auto both = [&](uint32_t len, uint64_t fail_at) {
         Pool pool;
         CountingAllocator ca, cb;
+        ca.fail_at = cb.fail_at = fail_at;
         void *ra = pool.get(t.size), *rb = pool.get(t.size);
         void *ma = maps ? pool.get(t.map_size) : nullptr, *mb = maps ? pool.get(t.map_size) : nullptr;
         ASSERT_EQ(lib(ra, ma, image.data(), len, &ca), ref(rb, mb, image.data(), len, &cb))
-            << "in_len " << len;
-        ASSERT_EQ(reencode(ra, ma), reencode(rb, mb)) << "in_len " << len;
+            << "in_len " << len << " fail_at " << fail_at;
+        ASSERT_EQ(reencode(ra, ma), reencode(rb, mb)) << "in_len " << len << " fail_at " << fail_at;
         release(ra, ma, &ca);
         release(rb, mb, &cb);
-    }
+    };
+    for (uint32_t len : lengths(static_cast<uint32_t>(image.size()))) both(len, 0);
+    both(static_cast<uint32_t>(image.size()), 1);
 }
 
 TEST(BlockCopy, IdrMatchesTheFieldByFieldCodecs)

@@ -111,12 +111,14 @@ void IdrEncoder::close_short(const uint8_t *scratch, const char *pieces)
     if (n) std::memcpy(out_ + open_at_, scratch, n);
 }
 
+// After an earlier failure the stretch reads as zeros, which is what the
+// record already holds there, and that failure stands.
 void IdrDecoder::open_short(uint32_t n, uint8_t *scratch, const char *pieces)
 {
     uint64_t have = err_ ? 0 : whole_pieces(pieces, len_ - pos_);
     if (have) std::memcpy(scratch, in_ + pos_, have);
     std::memset(scratch + have, 0, n - have);
-    fail(TARN_IDL_E_GARBLED);
+    if (!err_) fail(TARN_IDL_E_GARBLED);
 }
 
 void *IdrDecoder::obtain(uint64_t size)
