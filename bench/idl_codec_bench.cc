@@ -1,7 +1,9 @@
-// Encode and decode of one route message (16-byte prefix, two information
-// records) in TLV and IDR, beside protobuf-c on an equivalent message and a
-// plain copy of as many bytes as the IDR image. Decoders allocate from an
-// arena that is reset for every message, as the envelope does.
+// Encode and decode of three typical messages in TLV and IDR, beside
+// protobuf-c on equivalent messages and a plain copy of as many bytes as the
+// IDR image: a route (16-byte prefix, two information records), a logical
+// interface (name, one address, statistics controls) and per-queue
+// statistics (an array of eight records). Decoders allocate from an arena
+// that is reset for every message, as the envelope does.
 #include <cstring>
 #include <vector>
 
@@ -19,7 +21,7 @@ struct RouteFixture {
     rts_msg_info_t infos[2]{};
     rts_msg_info_t *info_ptrs[2] = {&infos[0], &infos[1]};
     rts_msg_info_map_t info_maps[2]{};
-    rt_msg_t rt{};
+    rt_msg_t rec{};
     rt_msg_map_t map{};
 
     RouteFixture()
@@ -30,24 +32,24 @@ struct RouteFixture {
         infos[1].vrrp_state.state = 3;
         info_maps[1].bits = 1u << RTS_MSG_INFO_BIT_VRRP_STATE;
         info_maps[1].vrrp_state.bits = 1;
-        rt.hdr.version = 104;
-        rt.hdr.type = RTS_MSG_ROUTE;
-        rt.hdr.op = RTS_OP_ADD;
-        rt.hdr.msglen = 228;
-        rt.hdr.seq = 4711;
-        rt.hdr.hdrlen = 228;
-        rt.hdr.info = info_ptrs;
-        rt.hdr.info_count = 2;
-        rt.tid = 0;
-        rt.af = TARN_AF_INET6;
-        rt.type = 1;
-        rt.nh = 2;
-        rt.nhflags = 0x10;
-        rt.nhidx = 99;
-        rt.flags = 0x801;
-        rt.plen = 128;
-        rt.prefix = prefix;
-        rt.prefix_len = 16;
+        rec.hdr.version = 104;
+        rec.hdr.type = RTS_MSG_ROUTE;
+        rec.hdr.op = RTS_OP_ADD;
+        rec.hdr.msglen = 228;
+        rec.hdr.seq = 4711;
+        rec.hdr.hdrlen = 228;
+        rec.hdr.info = info_ptrs;
+        rec.hdr.info_count = 2;
+        rec.tid = 0;
+        rec.af = TARN_AF_INET6;
+        rec.type = 1;
+        rec.nh = 2;
+        rec.nhflags = 0x10;
+        rec.nhidx = 99;
+        rec.flags = 0x801;
+        rec.plen = 128;
+        rec.prefix = prefix;
+        rec.prefix_len = 16;
         map.bits = (1u << RT_MSG_BIT_HDR) | (1u << RT_MSG_BIT_TID) | (1u << RT_MSG_BIT_AF) |
                    (1u << RT_MSG_BIT_TYPE) | (1u << RT_MSG_BIT_NH) | (1u << RT_MSG_BIT_NHFLAGS) |
                    (1u << RT_MSG_BIT_NHIDX) | (1u << RT_MSG_BIT_FLAGS) | (1u << RT_MSG_BIT_PLEN) |
@@ -57,6 +59,89 @@ struct RouteFixture {
                        (1u << RTS_HDR_BIT_SEQ) | (1u << RTS_HDR_BIT_HDRLEN) |
                        (1u << RTS_HDR_BIT_INFO);
         map.hdr.info = info_maps;
+    }
+};
+
+// A logical interface as its daemon announces it: a name, one IPv4 address.
+struct IflFixture {
+    uint8_t name[11] = {'g', 'e', '-', '0', '/', '0', '/', '1', '.', '0', 0};
+    uint8_t addr_bytes[4] = {192, 0, 2, 1};
+    idl_sockaddr_gen_t addr{};
+    idl_sockaddr_gen_t *addr_ptrs[1] = {&addr};
+    idl_sockaddr_gen_map_t addr_map{};
+    ifl_msg_t rec{};
+    ifl_msg_map_t map{};
+
+    IflFixture()
+    {
+        addr.sa_len = 16;
+        addr.sa_family = TARN_AF_INET;
+        addr.sa_ifindex = 72;
+        addr.sa_addr = addr_bytes;
+        addr.sa_addr_len = 4;
+        addr_map.bits = (1u << IDL_SOCKADDR_GEN_BIT_SA_LEN) |
+                        (1u << IDL_SOCKADDR_GEN_BIT_SA_FAMILY) |
+                        (1u << IDL_SOCKADDR_GEN_BIT_SA_IFINDEX) |
+                        (1u << IDL_SOCKADDR_GEN_BIT_SA_ADDR);
+        rec.hdr.version = 104;
+        rec.hdr.type = RTS_MSG_IFLOGICAL;
+        rec.hdr.op = RTS_OP_ADD;
+        rec.hdr.seq = 4712;
+        rec.iflm_index = 72;
+        rec.iflm_snmp_id = 530;
+        rec.iflm_devindex = 140;
+        rec.iflm_encaps = 2;
+        rec.iflm_unit = 0;
+        rec.iflm_flags = 0xc000;
+        rec.iflm_mtu_class = 1;
+        rec.iflm_generation = 9031;
+        rec.name = name;
+        rec.name_len = sizeof name;
+        rec.addr = addr_ptrs;
+        rec.addr_count = 1;
+        rec.iflm_change_time.tv_sec = 1700000000;
+        rec.iflm_change_time.tv_usec = 250000;
+        map.bits = (1u << IFL_MSG_BIT_HDR) | (1u << IFL_MSG_BIT_IFLM_INDEX) |
+                   (1u << IFL_MSG_BIT_IFLM_SNMP_ID) | (1u << IFL_MSG_BIT_IFLM_DEVINDEX) |
+                   (1u << IFL_MSG_BIT_IFLM_ENCAPS) | (1u << IFL_MSG_BIT_IFLM_UNIT) |
+                   (1u << IFL_MSG_BIT_IFLM_FLAGS) | (1u << IFL_MSG_BIT_IFLM_MTU_CLASS) |
+                   (1u << IFL_MSG_BIT_IFLM_GENERATION) | (1u << IFL_MSG_BIT_NAME) |
+                   (1u << IFL_MSG_BIT_ADDR) | (1u << IFL_MSG_BIT_IFLM_CHANGE_TIME);
+        map.hdr.bits = (1u << RTS_HDR_BIT_VERSION) | (1u << RTS_HDR_BIT_TYPE) |
+                       (1u << RTS_HDR_BIT_OP) | (1u << RTS_HDR_BIT_SEQ);
+        map.addr = &addr_map;
+        map.iflm_change_time.bits = 3;
+    }
+};
+
+// Forwarding-class queue statistics of one device: eight records.
+struct CosFixture {
+    static constexpr uint32_t kQueues = 8;
+    cos_fqstats_t stats[kQueues]{};
+    cos_fqstats_t *stat_ptrs[kQueues]{};
+    cos_fqstats_map_t stat_maps[kQueues]{};
+    rt_cos_fqstats_msg_t rec{};
+    rt_cos_fqstats_msg_map_t map{};
+
+    CosFixture()
+    {
+        for (uint32_t q = 0; q < kQueues; ++q) {
+            stats[q] = {q, 1000003 * (q + 1), q, 1500000007u * (q + 1), 2 * q, 17 * q};
+            stat_ptrs[q] = &stats[q];
+            stat_maps[q].bits = 0x3f;
+        }
+        rec.hdr.version = 104;
+        rec.hdr.type = RTS_MSG_COS_FQSTATS;
+        rec.hdr.op = RTS_OP_ADD;
+        rec.hdr.seq = 4713;
+        rec.ifd_index = 140;
+        rec.queue_count = kQueues;
+        rec.stats = stat_ptrs;
+        rec.stats_count = kQueues;
+        map.bits = 0xf;
+        map.hdr.bits = (1u << RTS_HDR_BIT_VERSION) | (1u << RTS_HDR_BIT_TYPE) |
+                       (1u << RTS_HDR_BIT_OP) | (1u << RTS_HDR_BIT_SEQ);
+        map.stats = stat_maps;
     }
 };
 
@@ -92,6 +177,70 @@ struct PbFixture {
     }
 };
 
+struct PbIflFixture {
+    Tarnbench__RtsHeader hdr = TARNBENCH__RTS_HEADER__INIT;
+    Tarnbench__SockAddr addr = TARNBENCH__SOCK_ADDR__INIT;
+    Tarnbench__SockAddr *addr_ptrs[1] = {&addr};
+    Tarnbench__Ifl ifl = TARNBENCH__IFL__INIT;
+    uint8_t name[11] = {'g', 'e', '-', '0', '/', '0', '/', '1', '.', '0', 0};
+    uint8_t addr_bytes[4] = {192, 0, 2, 1};
+
+    PbIflFixture()
+    {
+        hdr.version = 104;
+        hdr.type = RTS_MSG_IFLOGICAL;
+        hdr.op = RTS_OP_ADD;
+        hdr.seq = 4712;
+        addr.family = TARN_AF_INET;
+        addr.ifindex = 72;
+        addr.addr = {sizeof addr_bytes, addr_bytes};
+        ifl.hdr = &hdr;
+        ifl.index = 72;
+        ifl.snmp_id = 530;
+        ifl.devindex = 140;
+        ifl.encaps = 2;
+        ifl.flags = 0xc000;
+        ifl.mtu_class = 1;
+        ifl.generation = 9031;
+        ifl.name = {sizeof name, name};
+        ifl.n_addr = 1;
+        ifl.addr = addr_ptrs;
+        ifl.change_sec = 1700000000;
+        ifl.change_usec = 250000;
+    }
+};
+
+struct PbCosFixture {
+    static constexpr uint32_t kQueues = 8;
+    Tarnbench__RtsHeader hdr = TARNBENCH__RTS_HEADER__INIT;
+    Tarnbench__QueueStats stats[kQueues];
+    Tarnbench__QueueStats *stat_ptrs[kQueues];
+    Tarnbench__CosStats msg = TARNBENCH__COS_STATS__INIT;
+
+    PbCosFixture()
+    {
+        hdr.version = 104;
+        hdr.type = RTS_MSG_COS_FQSTATS;
+        hdr.op = RTS_OP_ADD;
+        hdr.seq = 4713;
+        for (uint32_t q = 0; q < kQueues; ++q) {
+            stats[q] = TARNBENCH__QUEUE_STATS__INIT;
+            stats[q].queue = q;
+            stats[q].pkts_lo = 1000003 * (q + 1);
+            stats[q].pkts_hi = q;
+            stats[q].bytes_lo = 1500000007u * (q + 1);
+            stats[q].bytes_hi = 2 * q;
+            stats[q].drops = 17 * q;
+            stat_ptrs[q] = &stats[q];
+        }
+        msg.hdr = &hdr;
+        msg.ifd_index = 140;
+        msg.queue_count = kQueues;
+        msg.n_stats = kQueues;
+        msg.stats = stat_ptrs;
+    }
+};
+
 // A bump allocator for protobuf-c's unpack, reset per message.
 struct Bump {
     std::vector<uint8_t> block = std::vector<uint8_t>(1 << 16);
@@ -108,67 +257,122 @@ struct Bump {
     static void free(void *, void *) {}
 };
 
+// The codecs of one message with both fixtures: R the IDL record, M its map.
+template <class R, class M>
+using TlvEncodeFn = uint32_t (*)(const R *, const M *, void *, uint32_t);
+template <class R, class M>
+using TlvDecodeFn = int32_t (*)(R *, M *, const void *, uint32_t, tarn_idl_alloc_fn, void *);
+template <class R>
+using IdrEncodeFn = uint32_t (*)(const R *, void *, uint32_t);
+template <class R>
+using IdrDecodeFn = int32_t (*)(R *, const void *, uint32_t, tarn_idl_alloc_fn, void *);
+
+template <class Fx, class R, class M, TlvEncodeFn<R, M> TE, TlvDecodeFn<R, M> TD,
+          IdrEncodeFn<R> IE, IdrDecodeFn<R> ID, class PbFx, class Pb, size_t (*PbSize)(const Pb *),
+          size_t (*PbPack)(const Pb *, uint8_t *),
+          Pb *(*PbUnpack)(ProtobufCAllocator *, size_t, const uint8_t *), Pb PbFx::*PbMsg>
+struct Message {
+    using Fixture = Fx;
+    using Record = R;
+    using Map = M;
+    using PbFixture = PbFx;
+    static uint32_t tlv_encode(const Fx &f, void *out, uint32_t len) { return TE(&f.rec, &f.map, out, len); }
+    static int32_t tlv_decode(R *r, M *m, const void *in, uint32_t len, rtslib_idl_arena *a)
+    {
+        return TD(r, m, in, len, &rtslib_idl_arena_alloc, a);
+    }
+    static uint32_t idr_encode(const Fx &f, void *out, uint32_t len) { return IE(&f.rec, out, len); }
+    static int32_t idr_decode(R *r, const void *in, uint32_t len, rtslib_idl_arena *a)
+    {
+        return ID(r, in, len, &rtslib_idl_arena_alloc, a);
+    }
+    static const Pb *pb(const PbFx &f) { return &(f.*PbMsg); }
+    static size_t pb_size(const PbFx &f) { return PbSize(pb(f)); }
+    static size_t pb_pack(const PbFx &f, uint8_t *out) { return PbPack(pb(f), out); }
+    static const void *pb_unpack(ProtobufCAllocator *a, const std::vector<uint8_t> &in)
+    {
+        return PbUnpack(a, in.size(), in.data());
+    }
+};
+
+using Route = Message<RouteFixture, rt_msg_t, rt_msg_map_t, &tlv_encode_rt_msg_0,
+                      &tlv_decode_rt_msg_0, &idr_encode_rt_msg_0, &idr_decode_rt_msg_0, PbFixture,
+                      Tarnbench__Route, &tarnbench__route__get_packed_size, &tarnbench__route__pack,
+                      &tarnbench__route__unpack, &PbFixture::route>;
+using Ifl = Message<IflFixture, ifl_msg_t, ifl_msg_map_t, &tlv_encode_ifl_msg_0, &tlv_decode_ifl_msg_0,
+                    &idr_encode_ifl_msg_0, &idr_decode_ifl_msg_0, PbIflFixture, Tarnbench__Ifl,
+                    &tarnbench__ifl__get_packed_size, &tarnbench__ifl__pack, &tarnbench__ifl__unpack,
+                    &PbIflFixture::ifl>;
+using Cos = Message<CosFixture, rt_cos_fqstats_msg_t, rt_cos_fqstats_msg_map_t,
+                    &tlv_encode_rt_cos_fqstats_msg_0, &tlv_decode_rt_cos_fqstats_msg_0,
+                    &idr_encode_rt_cos_fqstats_msg_0, &idr_decode_rt_cos_fqstats_msg_0,
+                    PbCosFixture, Tarnbench__CosStats, &tarnbench__cos_stats__get_packed_size,
+                    &tarnbench__cos_stats__pack, &tarnbench__cos_stats__unpack, &PbCosFixture::msg>;
+
+template <class Msg>
 void BM_TlvEncode(benchmark::State &state)
 {
-    RouteFixture f;
+    typename Msg::Fixture f;
     std::vector<uint8_t> out(4096);
     for (auto _ : state) {
-        uint32_t n = tlv_encode_rt_msg_0(&f.rt, &f.map, out.data(), static_cast<uint32_t>(out.size()));
+        uint32_t n = Msg::tlv_encode(f, out.data(), static_cast<uint32_t>(out.size()));
         benchmark::DoNotOptimize(n);
         benchmark::ClobberMemory();
     }
-    state.counters["bytes"] = tlv_encode_rt_msg_0(&f.rt, &f.map, nullptr, 0);
+    state.counters["bytes"] = Msg::tlv_encode(f, nullptr, 0);
 }
 
+template <class Msg>
 void BM_TlvDecode(benchmark::State &state)
 {
-    RouteFixture f;
-    std::vector<uint8_t> in(tlv_encode_rt_msg_0(&f.rt, &f.map, nullptr, 0));
-    tlv_encode_rt_msg_0(&f.rt, &f.map, in.data(), static_cast<uint32_t>(in.size()));
+    typename Msg::Fixture f;
+    std::vector<uint8_t> in(Msg::tlv_encode(f, nullptr, 0));
+    Msg::tlv_encode(f, in.data(), static_cast<uint32_t>(in.size()));
     alignas(16) static uint8_t arena_block[1 << 16];
     for (auto _ : state) {
         rtslib_idl_arena arena{arena_block, sizeof arena_block, 0};
-        rt_msg_t rec;
-        rt_msg_map_t map;
-        int32_t r = tlv_decode_rt_msg_0(&rec, &map, in.data(), static_cast<uint32_t>(in.size()),
-                                        &rtslib_idl_arena_alloc, &arena);
+        typename Msg::Record rec;
+        typename Msg::Map map;
+        int32_t r = Msg::tlv_decode(&rec, &map, in.data(), static_cast<uint32_t>(in.size()), &arena);
         benchmark::DoNotOptimize(r);
         benchmark::DoNotOptimize(rec);
     }
 }
 
+template <class Msg>
 void BM_IdrEncode(benchmark::State &state)
 {
-    RouteFixture f;
+    typename Msg::Fixture f;
     std::vector<uint8_t> out(4096);
     for (auto _ : state) {
-        uint32_t n = idr_encode_rt_msg_0(&f.rt, out.data(), static_cast<uint32_t>(out.size()));
+        uint32_t n = Msg::idr_encode(f, out.data(), static_cast<uint32_t>(out.size()));
         benchmark::DoNotOptimize(n);
         benchmark::ClobberMemory();
     }
-    state.counters["bytes"] = idr_encode_rt_msg_0(&f.rt, nullptr, 0);
+    state.counters["bytes"] = Msg::idr_encode(f, nullptr, 0);
 }
 
+template <class Msg>
 void BM_IdrDecode(benchmark::State &state)
 {
-    RouteFixture f;
-    std::vector<uint8_t> in(idr_encode_rt_msg_0(&f.rt, nullptr, 0));
-    idr_encode_rt_msg_0(&f.rt, in.data(), static_cast<uint32_t>(in.size()));
+    typename Msg::Fixture f;
+    std::vector<uint8_t> in(Msg::idr_encode(f, nullptr, 0));
+    Msg::idr_encode(f, in.data(), static_cast<uint32_t>(in.size()));
     alignas(16) static uint8_t arena_block[1 << 16];
     for (auto _ : state) {
         rtslib_idl_arena arena{arena_block, sizeof arena_block, 0};
-        rt_msg_t rec;
-        int32_t r = idr_decode_rt_msg_0(&rec, in.data(), static_cast<uint32_t>(in.size()),
-                                        &rtslib_idl_arena_alloc, &arena);
+        typename Msg::Record rec;
+        int32_t r = Msg::idr_decode(&rec, in.data(), static_cast<uint32_t>(in.size()), &arena);
         benchmark::DoNotOptimize(r);
         benchmark::DoNotOptimize(rec);
     }
 }
 
+template <class Msg>
 void BM_MemcpyIdrImage(benchmark::State &state)
 {
-    RouteFixture f;
-    size_t n = idr_encode_rt_msg_0(&f.rt, nullptr, 0);
+    typename Msg::Fixture f;
+    size_t n = Msg::idr_encode(f, nullptr, 0);
     std::vector<uint8_t> src(n, 0x5A), dst(n);
     for (auto _ : state) {
         std::memcpy(dst.data(), src.data(), n);
@@ -178,53 +382,62 @@ void BM_MemcpyIdrImage(benchmark::State &state)
     state.counters["bytes"] = static_cast<double>(n);
 }
 
+template <class Msg>
 void BM_ProtobufPack(benchmark::State &state)
 {
-    PbFixture f;
-    std::vector<uint8_t> out(tarnbench__route__get_packed_size(&f.route));
+    typename Msg::PbFixture f;
+    std::vector<uint8_t> out(Msg::pb_size(f));
     for (auto _ : state) {
-        size_t n = tarnbench__route__pack(&f.route, out.data());
+        size_t n = Msg::pb_pack(f, out.data());
         benchmark::DoNotOptimize(n);
         benchmark::ClobberMemory();
     }
     state.counters["bytes"] = static_cast<double>(out.size());
 }
 
+template <class Msg>
 void BM_ProtobufPackWithSize(benchmark::State &state)
 {
-    PbFixture f;
+    typename Msg::PbFixture f;
     std::vector<uint8_t> out(4096);
     for (auto _ : state) {
-        size_t need = tarnbench__route__get_packed_size(&f.route);
-        size_t n = need <= out.size() ? tarnbench__route__pack(&f.route, out.data()) : 0;
+        size_t need = Msg::pb_size(f);
+        size_t n = need <= out.size() ? Msg::pb_pack(f, out.data()) : 0;
         benchmark::DoNotOptimize(n);
         benchmark::ClobberMemory();
     }
 }
 
+template <class Msg>
 void BM_ProtobufUnpack(benchmark::State &state)
 {
-    PbFixture f;
-    std::vector<uint8_t> in(tarnbench__route__get_packed_size(&f.route));
-    tarnbench__route__pack(&f.route, in.data());
+    typename Msg::PbFixture f;
+    std::vector<uint8_t> in(Msg::pb_size(f));
+    Msg::pb_pack(f, in.data());
     Bump bump;
     ProtobufCAllocator alloc{&Bump::alloc, &Bump::free, &bump};
     for (auto _ : state) {
         bump.used = 0;
-        Tarnbench__Route *r = tarnbench__route__unpack(&alloc, in.size(), in.data());
+        const void *r = Msg::pb_unpack(&alloc, in);
         benchmark::DoNotOptimize(r);
     }
 }
 
 }  // namespace
 
-BENCHMARK(BM_TlvEncode);
-BENCHMARK(BM_IdrEncode);
-BENCHMARK(BM_ProtobufPack);
-BENCHMARK(BM_ProtobufPackWithSize);
-BENCHMARK(BM_TlvDecode);
-BENCHMARK(BM_IdrDecode);
-BENCHMARK(BM_ProtobufUnpack);
-BENCHMARK(BM_MemcpyIdrImage);
+// Side by side per message, so that one run gives every ratio.
+#define TARN_CODEC_BENCHES(Msg)                   \
+    BENCHMARK_TEMPLATE(BM_TlvEncode, Msg);        \
+    BENCHMARK_TEMPLATE(BM_ProtobufPack, Msg);     \
+    BENCHMARK_TEMPLATE(BM_ProtobufPackWithSize, Msg); \
+    BENCHMARK_TEMPLATE(BM_TlvDecode, Msg);        \
+    BENCHMARK_TEMPLATE(BM_ProtobufUnpack, Msg);   \
+    BENCHMARK_TEMPLATE(BM_IdrEncode, Msg);        \
+    BENCHMARK_TEMPLATE(BM_IdrDecode, Msg);        \
+    BENCHMARK_TEMPLATE(BM_MemcpyIdrImage, Msg)
+
+TARN_CODEC_BENCHES(Route);
+TARN_CODEC_BENCHES(Ifl);
+TARN_CODEC_BENCHES(Cos);
 
 BENCHMARK_MAIN();

@@ -57,7 +57,7 @@ void *Pool::get(std::size_t size)
 {
     std::size_t n = (size + sizeof(std::max_align_t) - 1) / sizeof(std::max_align_t) + 1;
     blocks_.push_back(std::make_unique<std::max_align_t[]>(n));
-    std::memset(blocks_.back().get(), 0, n * sizeof(std::max_align_t));
+    std::memset(blocks_.back().get(), fill_, n * sizeof(std::max_align_t));
     return blocks_.back().get();
 }
 

@@ -29,12 +29,15 @@ struct CountingAllocator {
     ~CountingAllocator();
 };
 
-// Owns the blocks of records built by a test.
+// Owns the blocks of records built by a test. Blocks start filled with
+// `fill`; a non-zero fill leaves recognisable bytes in the records' padding.
 class Pool {
 public:
+    explicit Pool(uint8_t fill = 0) : fill_(fill) {}
     void *get(std::size_t size);
 
 private:
+    uint8_t fill_;
     std::vector<std::unique_ptr<std::max_align_t[]>> blocks_;
 };
 

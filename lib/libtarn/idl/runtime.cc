@@ -91,6 +91,36 @@ void TlvDecoder::bytes(unsigned bit, uint8_t **ptr, uint32_t *len)
     mark(bit);
 }
 
+namespace {
+
+// The length of the longest run of whole pieces within `room` bytes.
+uint64_t whole_pieces(const char *pieces, uint64_t room)
+{
+    uint64_t n = 0;
+    for (; *pieces && n + static_cast<uint8_t>(*pieces) <= room; ++pieces)
+        n += static_cast<uint8_t>(*pieces);
+    return n;
+}
+
+}  // namespace
+
+void IdrEncoder::close_short(const uint8_t *scratch, const char *pieces)
+{
+    if (cap_ <= open_at_) return;
+    uint64_t n = whole_pieces(pieces, cap_ - open_at_);
+    if (n) std::memcpy(out_ + open_at_, scratch, n);
+}
+
+// After an earlier failure the stretch reads as zeros, which is what the
+// record already holds there, and that failure stands.
+void IdrDecoder::open_short(uint32_t n, uint8_t *scratch, const char *pieces)
+{
+    uint64_t have = err_ ? 0 : whole_pieces(pieces, len_ - pos_);
+    if (have) std::memcpy(scratch, in_ + pos_, have);
+    std::memset(scratch + have, 0, n - have);
+    if (!err_) fail(TARN_IDL_E_GARBLED);
+}
+
 void *IdrDecoder::obtain(uint64_t size)
 {
     void *p = obtain_zeroed(alloc_, alloc_ctx_, size);

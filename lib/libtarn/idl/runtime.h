@@ -315,6 +315,27 @@ void release_array_idr(R **elems, uint32_t count, void (*rel)(R *, tarn_idl_free
 // to a multiple of 4; then the variable parts in field order: string bytes
 // padded to 4, array elements one after another.
 
+// Stores and loads of the stretches of IdrEncoder::open / IdrDecoder::open.
+// put writes `width` bytes: the value and, when wider than the field, the
+// zero gap that follows it.
+TARN_IDL_HOT inline void put(uint8_t *p, uint64_t v, uint32_t width) { store_le(p, v, width); }
+TARN_IDL_HOT inline void put_zeros(uint8_t *p, uint32_t n) { std::memset(p, 0, n); }
+template <class T>
+TARN_IDL_HOT inline void get(T *dst, const uint8_t *p)
+{
+    *dst = static_cast<T>(load_le(p, sizeof(T)));
+}
+// Runs of fields whose memory bytes are their wire bytes (little-endian
+// builds whose layout the generator checked), `at` bytes into the record.
+TARN_IDL_HOT inline void put_block(uint8_t *p, const void *rec, uint32_t at, uint32_t n)
+{
+    std::memcpy(p, static_cast<const uint8_t *>(rec) + at, n);
+}
+TARN_IDL_HOT inline void get_block(void *rec, uint32_t at, const uint8_t *p, uint32_t n)
+{
+    std::memcpy(static_cast<uint8_t *>(rec) + at, p, n);
+}
+
 template <class R>
 uint32_t live_count(R *const *elems, uint32_t count)
 {
@@ -346,6 +367,22 @@ public:
 
     TARN_IDL_HOT void end_fixed() { align(4); }
 
+    // A stretch of n bytes whose layout the generator knows: the fields are
+    // stored at fixed offsets from the returned pointer, which is the output
+    // when the stretch fits and `scratch` otherwise; close() then passes on
+    // the whole fields and gaps that fit. `pieces` lists their sizes in order.
+    TARN_IDL_HOT uint8_t *open(uint32_t n, uint8_t *scratch, const char *)
+    {
+        open_at_ = size_;
+        size_ += n;
+        return size_ <= cap_ ? out_ + open_at_ : scratch;
+    }
+
+    TARN_IDL_HOT void close(const uint8_t *p, const uint8_t *scratch, const char *pieces)
+    {
+        if (p == scratch) close_short(scratch, pieces);
+    }
+
     void bytes(const uint8_t *p, uint32_t n)
     {
         if (p == nullptr) n = 0;
@@ -366,6 +403,8 @@ public:
     uint32_t size() const { return static_cast<uint32_t>(size_); }
 
 private:
+    void close_short(const uint8_t *scratch, const char *pieces);
+
     TARN_IDL_HOT void align(uint32_t a)
     {
         uint64_t at = size_;
@@ -384,6 +423,7 @@ private:
     uint8_t *out_;
     uint64_t cap_;
     uint64_t size_ = 0;
+    uint64_t open_at_ = 0;
 };
 
 class IdrDecoder {
@@ -410,6 +450,20 @@ public:
 
     TARN_IDL_HOT void end_fixed() { align(4); }
 
+    // The decoding side of IdrEncoder::open: the input itself when the
+    // stretch is there, else `scratch` holding the whole fields that are (the
+    // rest zero, as the record was) and the decode failed.
+    TARN_IDL_HOT const uint8_t *open(uint32_t n, uint8_t *scratch, const char *pieces)
+    {
+        if (!err_ && len_ - pos_ >= n) {
+            const uint8_t *p = in_ + pos_;
+            pos_ += n;
+            return p;
+        }
+        open_short(n, scratch, pieces);
+        return scratch;
+    }
+
     // The block is obtained and stored before the input is checked, so that a
     // short buffer fails with the block held by the record.
     void bytes(uint8_t **ptr, uint32_t len);
@@ -434,6 +488,7 @@ public:
     int32_t result() const { return err_ ? err_ : static_cast<int32_t>(pos_); }
 
 private:
+    void open_short(uint32_t n, uint8_t *scratch, const char *pieces);
     void fail(int32_t code) { err_ = code; }
     TARN_IDL_HOT bool align(uint32_t a)
     {

@@ -192,47 +192,169 @@ void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t)
     o << "}\n\n";
 }
 
-// The fixed part of an IDR record. A nested record without variable parts is
+// The fixed part of an IDR record as a list of steps, each with the line
+// that converts it on its own. A nested record without variable parts is
 // written in place field by field (aligned to 4 and padded to 4 as its own
 // encoder would), which spares a call per nested record; one with variable
 // parts calls its encoder, which places them after its own fixed part.
-void emit_idr_fixed(std::ostream &o, const Model &model, const Type &t, const std::string &path,
-                    bool encode)
+struct FixedStep {
+    enum What { Align, Scalar, Count, Record } what;
+    std::string line;
+    std::string value;   // Scalar, Count: what is stored (encode) or the lvalue (decode)
+    uint32_t width = 0;  // Scalar: bytes on the wire and in memory
+    uint32_t mem = 0;    // Scalar: offset in the outermost record
+};
+
+void collect_fixed(const Model &model, const Type &t, const std::string &path, bool encode,
+                   Abi abi, uint32_t base, std::vector<FixedStep> &out)
 {
-    const char *obj = encode ? "    e." : "    d.";
+    const std::string obj = encode ? "    e." : "    d.";
     const char *addr = encode ? "" : "&";
-    for (const Field &f : t.fields) {
+    MemoryLayout mem = memory_layout(model, t, abi);
+    auto step = [&](FixedStep::What what, std::string line, std::string value = std::string(),
+                    uint32_t width = 0, uint32_t at = 0) {
+        out.push_back({what, std::move(line), std::move(value), width, at});
+    };
+    for (std::size_t i = 0; i < t.fields.size(); ++i) {
+        const Field &f = t.fields[i];
         std::string field = path + f.name;
         if (is_scalar(f.kind)) {
-            o << obj << kind_name(f.kind) << "(" << addr << field << ");\n";
-        } else if (f.kind == Kind::Bytes) {
-            if (encode)
-                o << obj << "count(" << field << " ? " << path << count_name(f) << " : 0);\n";
-            else
-                o << obj << "count(&" << path << count_name(f) << ");\n";
-        } else if (f.kind == Kind::Array) {
-            if (encode)
-                o << obj << "count(idl::live_count(" << field << ", " << path << count_name(f)
-                  << "));\n";
-            else
-                o << obj << "count(&" << path << count_name(f) << ");\n";
+            uint32_t w = f.kind == Kind::U8 ? 1 : f.kind == Kind::U16 ? 2 : f.kind == Kind::U32 ? 4 : 8;
+            step(FixedStep::Scalar, obj + kind_name(f.kind) + "(" + addr + field + ");\n", field, w,
+                 base + mem.offsets[i]);
+        } else if (f.kind == Kind::Bytes || f.kind == Kind::Array) {
+            std::string v = !encode ? path + count_name(f)
+                            : f.kind == Kind::Bytes
+                                ? field + " ? " + path + count_name(f) + " : 0"
+                                : "idl::live_count(" + field + ", " + path + count_name(f) + ")";
+            step(FixedStep::Count, obj + "count(" + addr + v + ");\n", v, 4);
         } else if (holds_blocks(model, *model.find(f.type))) {
-            o << obj << "record(" << addr << field << ", &idr_" << (encode ? "encode_" : "decode_")
-              << f.type << "_0);\n";
+            step(FixedStep::Record, obj + "record(" + addr + field + ", &idr_" +
+                                        (encode ? "encode_" : "decode_") + f.type + "_0);\n");
         } else {
-            o << obj << "end_fixed(); /* " << f.name << " */\n";
-            emit_idr_fixed(o, model, *model.find(f.type), field + ".", encode);
-            o << obj << "end_fixed();\n";
+            step(FixedStep::Align, obj + "end_fixed(); /* " + f.name + " */\n");
+            collect_fixed(model, *model.find(f.type), field + ".", encode, abi,
+                          base + mem.offsets[i], out);
+            step(FixedStep::Align, obj + "end_fixed();\n");
         }
     }
 }
 
-void emit_idr_functions(std::ostream &o, const Model &model, const Type &t)
+// One stretch of the fixed part between nested records that have variable
+// parts: its size and every field's place in it are known here. Each stretch
+// starts at a multiple of 4 (so does whatever follows a nested record), so
+// the runtime checks room once per stretch and the fields become plain
+// stores at fixed offsets. Fields that follow one another without a gap both
+// in memory and on the wire are copied as one block; a gap on the wire is
+// written by widening the store of the field before it.
+class Segment {
+public:
+    explicit Segment(bool encode) : encode_(encode) {}
+
+    void add(const FixedStep &s)
+    {
+        if (s.what == FixedStep::Align) return pad_to(4);
+        uint32_t a = std::min<uint32_t>(s.width, 4);
+        pad_to(a);
+        bool joins = !items_.empty() && s.what == FixedStep::Scalar &&
+                     items_.back().what == FixedStep::Scalar && items_.back().gap == 0 &&
+                     items_.back().mem + items_.back().width == s.mem;
+        if (joins) {
+            items_.back().width += s.width;
+            items_.back().fields += 1;
+        } else {
+            items_.push_back({s.what, s.value, wire_, s.mem, s.width, 0, 1});
+        }
+        wire_ += s.width;
+        elements_ += piece(s.width);
+    }
+
+    bool empty() const { return items_.empty(); }
+
+    void emit(std::ostream &o, std::size_t serial)
+    {
+        pad_to(4);
+        std::string scratch = "s" + std::to_string(serial);
+        std::string p = "p" + std::to_string(serial);
+        o << "    uint8_t " << scratch << "[" << wire_ << "];\n";
+        o << (encode_ ? "    uint8_t *" : "    const uint8_t *") << p
+          << (encode_ ? " = e.open(" : " = d.open(") << wire_ << ", " << scratch << ", \""
+          << elements_ << "\");\n";
+        for (const Item &it : items_) {
+            std::string at = p + " + " + std::to_string(it.wire);
+            if (it.fields > 1) {
+                // By the record's address: the block spans several members.
+                o << (encode_ ? "    idl::put_block(" + at + ", r, " : "    idl::get_block(r, ")
+                  << it.mem << (encode_ ? "" : ", " + at) << ", " << it.width << "); /* "
+                  << it.value << " on */\n";
+                if (encode_ && it.gap)
+                    o << "    idl::put_zeros(" << p << " + " << it.wire + it.width << ", " << it.gap
+                      << ");\n";
+            } else if (encode_) {
+                o << "    idl::put(" << at << ", " << it.value << ", " << it.width + it.gap << ");\n";
+            } else {
+                o << "    idl::get(&" << it.value << ", " << at << ");\n";
+            }
+        }
+        if (encode_) o << "    e.close(" << p << ", " << scratch << ", \"" << elements_ << "\");\n";
+    }
+
+private:
+    struct Item {
+        FixedStep::What what;
+        std::string value;
+        uint32_t wire, mem, width, gap;
+        int fields;
+    };
+
+    static std::string piece(uint32_t n) { return "\\" + std::to_string(n == 8 ? 10 : n); }
+
+    void pad_to(uint32_t a)
+    {
+        uint32_t gap = (a - wire_ % a) % a;
+        if (gap == 0) return;
+        if (!items_.empty()) items_.back().gap += gap;
+        wire_ += gap;
+        elements_ += piece(gap);
+    }
+
+    bool encode_;
+    std::vector<Item> items_;
+    uint32_t wire_ = 0;
+    std::string elements_;  // sizes of the fields and gaps in order, as octal escapes
+};
+
+void emit_fixed(std::ostream &o, const std::vector<FixedStep> &steps, bool encode, Abi abi)
+{
+    if (abi == Abi::Generic) {
+        for (const FixedStep &s : steps) o << s.line;
+        return;
+    }
+    std::size_t serial = 0;
+    Segment seg(encode);
+    auto flush = [&] {
+        if (!seg.empty()) seg.emit(o, serial++);
+        seg = Segment(encode);
+    };
+    for (const FixedStep &s : steps) {
+        if (s.what == FixedStep::Record) {
+            flush();
+            o << s.line;
+        } else {
+            seg.add(s);
+        }
+    }
+    flush();
+}
+
+void emit_idr_functions(std::ostream &o, const Model &model, const Type &t, Abi abi)
 {
     const std::string &n = t.name;
     o << "uint32_t idr_encode_" << n << "_0(const " << n << "_t *r, void *out, uint32_t out_len)\n{\n";
     o << "    idl::IdrEncoder e(out, out_len);\n";
-    emit_idr_fixed(o, model, t, "r->", true);
+    std::vector<FixedStep> steps;
+    collect_fixed(model, t, "r->", true, abi, 0, steps);
+    emit_fixed(o, steps, true, abi);
     o << "    e.end_fixed();\n";
     for (const Field &f : t.fields) {
         if (f.kind == Kind::Bytes)
@@ -247,7 +369,9 @@ void emit_idr_functions(std::ostream &o, const Model &model, const Type &t)
       << "_t *r, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
     o << "    *r = " << n << "_t{};\n";
     o << "    idl::IdrDecoder d(in, in_len, alloc, ctx);\n";
-    emit_idr_fixed(o, model, t, "r->", false);
+    steps.clear();
+    collect_fixed(model, t, "r->", false, abi, 0, steps);
+    emit_fixed(o, steps, false, abi);
     o << "    d.end_fixed();\n";
     for (const Field &f : t.fields) {
         if (f.kind == Kind::Bytes)
@@ -334,8 +458,29 @@ std::size_t family_units(const Model &model, const std::string &family, std::siz
     return (n + types_per_unit - 1) / types_per_unit;
 }
 
+namespace {
+
+// The build's layout as the generator sees it: a wrong guess fails the
+// compilation instead of copying the wrong bytes.
+void emit_abi_checks(std::ostream &o, const Model &model, const Type &t, Abi abi)
+{
+    MemoryLayout l = memory_layout(model, t, abi);
+    o << "static_assert(sizeof(" << t.name << "_t) == " << l.size << ", \"" << t.name
+      << " memory layout\");\n";
+    for (std::size_t i = 0; i < t.fields.size(); ++i)
+        o << "static_assert(offsetof(" << t.name << "_t, " << t.fields[i].name
+          << ") == " << l.offsets[i] << ");\n";
+}
+
+const char *abi_name(Abi abi)
+{
+    return abi == Abi::I386 ? "i386" : abi == Abi::X86_64 ? "x86_64" : "generic";
+}
+
+}  // namespace
+
 std::string emit_family(const Model &model, const std::string &family, std::size_t unit,
-                        std::size_t units)
+                        std::size_t units, Abi abi)
 {
     std::set<const Type *> mine;
     {
@@ -358,6 +503,13 @@ std::string emit_family(const Model &model, const std::string &family, std::size
     for (const Type &t : model.types)
         if (mine.count(&t)) emit_target_checks(o, model, t);
     o << "#endif\n\n";
+    if (abi != Abi::Generic) {
+        o << "/* Block copies assume the " << abi_name(abi) << " layout, little-endian. */\n";
+        o << "static_assert(std::endian::native == std::endian::little);\n";
+        for (const Type &t : model.types)
+            if (mine.count(&t) && t.idr) emit_abi_checks(o, model, t, abi);
+        o << "\n";
+    }
     o << "extern \"C\" {\n\n";
     for (const Type &t : model.types) {
         if (!mine.count(&t)) continue;
@@ -370,7 +522,7 @@ std::string emit_family(const Model &model, const std::string &family, std::size
             o << "const uint32_t idr_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
         o << "\n";
         if (t.tlv) emit_tlv_functions(o, model, t);
-        if (t.idr) emit_idr_functions(o, model, t);
+        if (t.idr) emit_idr_functions(o, model, t, abi);
     }
     for (const Choice &c : model.choices) {
         if (c.family != family || unit != 0) continue;
@@ -400,6 +552,64 @@ std::string emit_family(const Model &model, const std::string &family, std::size
         o << "const idl::ChoiceTable tarn::idl::" << c.name << "_choice = {" << c.limit << ", "
           << c.name << "_members};\n";
     }
+    return o.str();
+}
+
+std::string emit_reference(const Model &model)
+{
+    std::ostringstream o;
+    o << stamp("field-by-field reference codecs");
+    o << "#include <cstddef>\n\n#include <tarn/idl_records.h>\n\n#include \"libtarn/idl/runtime.h\"\n"
+         "#include \"idl_reference.h\"\n\n";
+    o << "namespace tarn::idl_ref {\n\nnamespace idl = tarn::idl;\n\n";
+    for (const Type &t : model.types) {
+        const std::string &n = t.name;
+        if (t.tlv)
+            o << "uint32_t tlv_encode_" << n << "_0(const " << n << "_t *, const " << n
+              << "_map_t *, void *, uint32_t);\nint32_t tlv_decode_" << n << "_0(" << n << "_t *, "
+              << n << "_map_t *, const void *, uint32_t, tarn_idl_alloc_fn, void *);\n";
+        if (t.idr)
+            o << "uint32_t idr_encode_" << n << "_0(const " << n
+              << "_t *, void *, uint32_t);\nint32_t idr_decode_" << n << "_0(" << n
+              << "_t *, const void *, uint32_t, tarn_idl_alloc_fn, void *);\n";
+    }
+    o << "\n";
+    // Release is the library's own: the reference differs in how it
+    // converts, not in what it frees.
+    auto without_release = [](const std::string &text, const char *family) {
+        return text.substr(0, text.find(std::string("void ") + family + "_release_"));
+    };
+    for (const Type &t : model.types) {
+        std::ostringstream tlv, idr;
+        if (t.tlv) emit_tlv_functions(tlv, model, t);
+        if (t.idr) emit_idr_functions(idr, model, t, Abi::Generic);
+        o << without_release(tlv.str(), "tlv") << without_release(idr.str(), "idr");
+    }
+    o << "}  // namespace tarn::idl_ref\n\n";
+    o << "namespace tarn::test::idlref {\n\nconst Codecs codecs[] = {\n";
+    for (const Type &t : model.types) {
+        const std::string &n = t.name;
+        o << "    {";
+        if (t.tlv)
+            o << "[](const void *r, const void *m, void *out, uint32_t len) { return "
+                 "idl_ref::tlv_encode_" << n << "_0(static_cast<const " << n << "_t *>(r), "
+              << "static_cast<const " << n << "_map_t *>(m), out, len); },\n     "
+              << "[](void *r, void *m, const void *in, uint32_t len, tarn_idl_alloc_fn a, void "
+                 "*c) { return idl_ref::tlv_decode_" << n << "_0(static_cast<" << n
+              << "_t *>(r), static_cast<" << n << "_map_t *>(m), in, len, a, c); },\n     ";
+        else
+            o << "nullptr, nullptr, ";
+        if (t.idr)
+            o << "[](const void *r, void *out, uint32_t len) { return idl_ref::idr_encode_" << n
+              << "_0(static_cast<const " << n << "_t *>(r), out, len); },\n     "
+              << "[](void *r, const void *in, uint32_t len, tarn_idl_alloc_fn a, void *c) { "
+                 "return idl_ref::idr_decode_" << n << "_0(static_cast<" << n
+              << "_t *>(r), in, len, a, c); }";
+        else
+            o << "nullptr, nullptr";
+        o << "},\n";
+    }
+    o << "};\n\n}  // namespace tarn::test::idlref\n";
     return o.str();
 }
 

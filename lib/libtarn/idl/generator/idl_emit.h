@@ -16,8 +16,15 @@ std::string emit_header(const Model &model);
 // so that a large family compiles in parallel: unit u holds a contiguous run of
 // the family's types in file order, and unit 0 also its choices.
 std::size_t family_units(const Model &model, const std::string &family, std::size_t types_per_unit);
+// abi: the build's memory layout; with one, IDR copies runs of fields that
+// lie alike in memory and on the wire as blocks.
 std::string emit_family(const Model &model, const std::string &family, std::size_t unit = 0,
-                        std::size_t units = 1);
+                        std::size_t units = 1, Abi abi = Abi::Generic);
+// Every type's codecs converted field by field, in namespace tarn::idl_ref
+// (release excepted), and the table tarn::test::idlref::codecs of the tests'
+// idl_reference.h in type order: what the block copies of emit_family are
+// checked against, byte for byte.
+std::string emit_reference(const Model &model);
 std::string emit_test_meta(const Model &model);
 // One line per type: name, target record size, target map size.
 std::string emit_size_report(const Model &model);

@@ -319,6 +319,50 @@ Layout target_layout(const Model &model, const Type &type)
     return l;
 }
 
+std::optional<Abi> parse_abi(const std::string &name)
+{
+    if (name == "generic") return Abi::Generic;
+    if (name == "i386") return Abi::I386;
+    if (name == "x86_64") return Abi::X86_64;
+    return std::nullopt;
+}
+
+MemoryLayout memory_layout(const Model &model, const Type &type, Abi abi)
+{
+    // i386 aligns 64-bit members to 4 inside structures; x86-64 to 8.
+    const uint32_t ptr = abi == Abi::X86_64 ? 8 : 4;
+    const uint32_t u64_align = abi == Abi::X86_64 ? 8 : 4;
+    MemoryLayout l;
+    uint32_t off = 0;
+    auto place = [&](uint32_t size, uint32_t align) {
+        off = (off + align - 1) / align * align;
+        uint32_t at = off;
+        off += size;
+        l.align = std::max(l.align, align);
+        return at;
+    };
+    for (const Field &f : type.fields) {
+        switch (f.kind) {
+        case Kind::U8: l.offsets.push_back(place(1, 1)); break;
+        case Kind::U16: l.offsets.push_back(place(2, 2)); break;
+        case Kind::U32: l.offsets.push_back(place(4, 4)); break;
+        case Kind::U64: l.offsets.push_back(place(8, u64_align)); break;
+        case Kind::Bytes:
+        case Kind::Array:
+            l.offsets.push_back(place(ptr, ptr));
+            place(4, 4);  // the count member
+            break;
+        case Kind::Record: {
+            MemoryLayout sub = memory_layout(model, *model.find(f.type), abi);
+            l.offsets.push_back(place(sub.size, sub.align));
+            break;
+        }
+        }
+    }
+    l.size = (off + l.align - 1) / l.align * l.align;
+    return l;
+}
+
 std::vector<const Type *> dependency_order(const Model &model)
 {
     std::vector<const Type *> out;

@@ -87,6 +87,21 @@ void check_model(const Model &model, std::vector<std::string> &errors);
 // Target-ABI layout of one type (the model must have passed check_model).
 Layout target_layout(const Model &model, const Type &type);
 
+// The build's memory ABI, which decides where IDR can copy runs of fields
+// whose memory and wire layouts agree. Generic: nothing is assumed, every
+// field is converted on its own.
+enum class Abi { Generic, I386, X86_64 };
+std::optional<Abi> parse_abi(const std::string &name);
+
+// Where the fields of a record lie in memory under a little-endian ABI:
+// per field the offset of its first member (the pointer of a byte string or
+// array), and the record's size.
+struct MemoryLayout {
+    uint32_t size = 0, align = 1;
+    std::vector<uint32_t> offsets;
+};
+MemoryLayout memory_layout(const Model &model, const Type &type, Abi abi);
+
 // Types in an order where every nested record comes before its user.
 std::vector<const Type *> dependency_order(const Model &model);
 

@@ -2,18 +2,21 @@
 // translation unit per family and the test metadata.
 //
 //   tarn-idlgen --header H --out-dir D [--meta M] [--descriptions T] [--types-per-unit N]
-//               [--sizes] FAMILY.idl...
+//               [--abi generic|i386|x86_64] [--reference R] [--sizes] FAMILY.idl...
 //
 // D receives <family>_codec.cc for every description; with --types-per-unit a
 // family of more than N types is split into <family>_codec.cc,
 // <family>_codec_2.cc, ... of at most N types each (the build computes the
 // same names from the descriptions); T receives the run-time type
-// descriptions. Files are rewritten only when their
+// descriptions; R the field-by-field reference codecs for the tests. --abi
+// names the memory layout of the build the codecs are compiled for (default
+// generic: no block copies). Files are rewritten only when their
 // content changes, so an unchanged family is not recompiled.
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 
 #include "idl_emit.h"
@@ -41,7 +44,7 @@ bool write_if_changed(const fs::path &path, const std::string &text)
 int usage()
 {
     std::cerr << "usage: tarn-idlgen --header H --out-dir D [--meta M] [--descriptions T] "
-                 "[--types-per-unit N] "
+                 "[--types-per-unit N] [--abi generic|i386|x86_64] [--reference R] "
                  "[--sizes] FAMILY.idl...\n";
     return 2;
 }
@@ -50,19 +53,26 @@ int usage()
 
 int main(int argc, char **argv)
 {
-    fs::path header, out_dir, meta, descriptions;
+    fs::path header, out_dir, meta, descriptions, reference;
+    Abi abi = Abi::Generic;
     bool sizes = false;
     std::size_t types_per_unit = 0;
     std::vector<fs::path> inputs;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
-        if ((a == "--header" || a == "--out-dir" || a == "--meta" || a == "--descriptions") &&
+        if ((a == "--header" || a == "--out-dir" || a == "--meta" || a == "--descriptions" ||
+             a == "--reference") &&
             i + 1 < argc) {
             fs::path v = argv[++i];
-            (a == "--header"    ? header
-             : a == "--out-dir" ? out_dir
-             : a == "--meta"    ? meta
-                                : descriptions) = v;
+            (a == "--header"         ? header
+             : a == "--out-dir"      ? out_dir
+             : a == "--meta"         ? meta
+             : a == "--reference"    ? reference
+                                     : descriptions) = v;
+        } else if (a == "--abi" && i + 1 < argc) {
+            std::optional<Abi> named = parse_abi(argv[++i]);
+            if (!named) return usage();
+            abi = *named;
         } else if (a == "--types-per-unit" && i + 1 < argc) {
             char *end = nullptr;
             unsigned long n = std::strtoul(argv[++i], &end, 10);
@@ -104,10 +114,11 @@ int main(int argc, char **argv)
         std::size_t units = family_units(model, fam, types_per_unit);
         for (std::size_t u = 0; u < units; ++u) {
             std::string name = fam + "_codec" + (u ? "_" + std::to_string(u + 1) : "") + ".cc";
-            ok = write_if_changed(out_dir / name, emit_family(model, fam, u, units)) && ok;
+            ok = write_if_changed(out_dir / name, emit_family(model, fam, u, units, abi)) && ok;
         }
     }
     if (!meta.empty()) ok = write_if_changed(meta, emit_test_meta(model)) && ok;
+    if (!reference.empty()) ok = write_if_changed(reference, emit_reference(model)) && ok;
     if (!descriptions.empty())
         ok = write_if_changed(descriptions, emit_descriptions(model)) && ok;
     if (!ok) {
