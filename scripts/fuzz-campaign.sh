@@ -8,7 +8,7 @@
 # leave their input and log in OUT/<target>/.
 #
 #   scripts/fuzz-campaign.sh [-j JOBS] [target ...]   default: every target of fuzz-smoke.sh
-#   RUNS=10000000 TIME=1800 OUT=build/fuzz-campaign   (defaults)
+#   RUNS=10000000 TIME=1800 UNIT_TIMEOUT=120 OUT=build/fuzz-campaign   (defaults)
 #
 # Targets run JOBS at a time (default 1), each on one core; run it under
 # `nice` on a shared machine. Afterwards, scripts/fuzz-campaign.sh --merge
@@ -21,6 +21,9 @@ build=$root/build/fuzz
 out=${OUT:-$root/build/fuzz-campaign}
 runs=${RUNS:-10000000}
 secs=${TIME:-1800}
+# Per input, in wall-clock seconds: generous, since a run under `nice` on a busy
+# machine can be starved for a while; a real hang still ends the target.
+unit_timeout=${UNIT_TIMEOUT:-120}
 jobs=1
 
 if [ "${1:-}" = "--merge" ]; then
@@ -48,7 +51,7 @@ one() {
   local target=$1 dir=$out/$1
   mkdir -p "$dir/corpus"
   local start=$SECONDS result=clean
-  if ! "$build/fuzz/$target" -runs="$runs" -max_total_time="$secs" -timeout=10 \
+  if ! "$build/fuzz/$target" -runs="$runs" -max_total_time="$secs" -timeout="$unit_timeout" \
       -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$dir/" \
       "$dir/corpus" "$root/fuzz/corpus/$target" >"$dir/log" 2>&1; then
     result=FAILED
