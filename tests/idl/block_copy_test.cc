@@ -1,9 +1,11 @@
 // The library's IDR codecs copy runs of fields as blocks where the build's
-// memory layout equals the wire image. The field-by-field reference codecs,
-// generated from the same descriptions, must produce exactly the same bytes
-// for every type, through whole and short buffers, and decode to records that
-// encode alike. Records carry marked padding, so that a block that strays over
-// a gap shows on the wire.
+// memory layout equals the wire image, and its TLV decoders first expect the
+// items in field order. The field-by-field reference codecs, generated from
+// the same descriptions, must produce exactly the same bytes for every type,
+// through whole and short buffers, and decode to records that encode alike.
+// Records carry marked padding, so that a block that strays over a gap shows
+// on the wire.
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -113,6 +115,30 @@ TEST(BlockCopy, IdrMatchesTheFieldByFieldCodecs)
     }
 }
 
+// The top-level items of a TLV image last to first, each twice: items out
+// of field order, and repeats.
+std::vector<uint8_t> reordered(const std::vector<uint8_t> &image)
+{
+    std::vector<std::pair<size_t, size_t>> items;  // offset, padded length
+    for (size_t at = 0; at + 8 <= image.size();) {
+        uint32_t vlen;
+        std::memcpy(&vlen, image.data() + at + 4, 4);
+        size_t len = std::min(image.size() - at, (size_t{vlen} + 8 + 3) / 4 * 4);
+        items.emplace_back(at, len);
+        at += len;
+    }
+    std::vector<uint8_t> out;
+    auto put = [&](std::pair<size_t, size_t> it) {
+        out.insert(out.end(), image.begin() + static_cast<long>(it.first),
+                   image.begin() + static_cast<long>(it.first + it.second));
+    };
+    for (auto it = items.rbegin(); it != items.rend(); ++it) {
+        put(*it);
+        put(*it);
+    }
+    return out;
+}
+
 TEST(BlockCopy, TlvMatchesTheFieldByFieldCodecs)
 {
     for (std::size_t i = 0; i < idlmeta::type_count; ++i) {
@@ -128,8 +154,8 @@ TEST(BlockCopy, TlvMatchesTheFieldByFieldCodecs)
                         [&](void *o, uint32_t l) { return ref.tlv_encode(src.rec, src.map, o, l); });
             std::vector<uint8_t> image(ref.tlv_encode(src.rec, src.map, nullptr, 0));
             ref.tlv_encode(src.rec, src.map, image.data(), static_cast<uint32_t>(image.size()));
-            same_records(
-                t, image, with_map,
+            for (const std::vector<uint8_t> &input : {image, reordered(image)}) same_records(
+                t, input, with_map,
                 [&](void *r, void *m, const uint8_t *in, uint32_t l, CountingAllocator *a) {
                     return t.tlv_decode(r, m, in, l, &marked_alloc, a);
                 },

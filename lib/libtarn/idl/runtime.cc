@@ -3,12 +3,17 @@
 namespace tarn::idl {
 namespace {
 
-// A zero-filled block from the caller's allocator, or nullptr when there is
-// no allocator, the size does not fit its 32-bit argument, or it fails.
-void *obtain_zeroed(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
+// A block from the caller's allocator, or nullptr when there is no
+// allocator, the size does not fit its 32-bit argument, or it fails.
+void *take_block(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
 {
     if (!alloc || size > UINT32_MAX) return nullptr;
-    void *p = alloc(static_cast<uint32_t>(size), ctx);
+    return alloc(static_cast<uint32_t>(size), ctx);
+}
+
+void *obtain_zeroed(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
+{
+    void *p = take_block(alloc, ctx, size);
     if (p) std::memset(p, 0, size);
     return p;
 }
@@ -75,6 +80,13 @@ void *TlvDecoder::obtain(uint64_t size)
     return p;
 }
 
+void *TlvDecoder::obtain_uncleared(uint64_t size)
+{
+    void *p = take_block(alloc_, alloc_ctx_, size);
+    if (!p) fail(TARN_IDL_E_ALLOC);
+    return p;
+}
+
 // A repeated string without a map is an error (scalars take the last value).
 void TlvDecoder::bytes(unsigned bit, uint8_t **ptr, uint32_t *len)
 {
@@ -124,6 +136,13 @@ void IdrDecoder::open_short(uint32_t n, uint8_t *scratch, const char *pieces)
 void *IdrDecoder::obtain(uint64_t size)
 {
     void *p = obtain_zeroed(alloc_, alloc_ctx_, size);
+    if (!p) fail(TARN_IDL_E_ALLOC);
+    return p;
+}
+
+void *IdrDecoder::obtain_uncleared(uint64_t size)
+{
+    void *p = take_block(alloc_, alloc_ctx_, size);
     if (!p) fail(TARN_IDL_E_ALLOC);
     return p;
 }

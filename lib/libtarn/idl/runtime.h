@@ -183,9 +183,13 @@ public:
     void record(unsigned bit, R *dst, M *map, TlvDecodeFn<R, M> dec, TlvReleaseFn<R, M> rel)
     {
         if (taken(bit)) return;
-        bool held = false;
-        rel(dst, map, &probe_free, &held);
-        if (held) return fail(TARN_IDL_E_GARBLED);
+        // The first item of the field finds the record as zeroed; only a
+        // repeated one can find blocks an earlier item left there.
+        if ((seen_ >> bit) & 1u) {
+            bool held = false;
+            rel(dst, map, &probe_free, &held);
+            if (held) return fail(TARN_IDL_E_GARBLED);
+        }
         if (!take_nested(dst, map, dec)) return;
         mark(bit);
     }
@@ -208,7 +212,7 @@ public:
         }
         for (uint32_t i = 0; i < n; ++i) {
             if (i > 0 && !next_in_run()) return fail(TARN_IDL_E_GARBLED);
-            auto *e = static_cast<R *>(obtain(sizeof(R)));
+            auto *e = static_cast<R *>(obtain_uncleared(sizeof(R)));
             if (!e) return;
             arr[i] = e;
             if (!take_nested(e, marr ? &marr[i] : nullptr, dec)) return;
@@ -222,6 +226,7 @@ private:
     bool taken(unsigned bit) const { return bits_ && ((*bits_ >> bit) & 1u); }
     void mark(unsigned bit)
     {
+        seen_ |= 1u << bit;
         if (bits_) *bits_ |= 1u << bit;
     }
     void fail(int32_t code) { err_ = code; }
@@ -229,6 +234,8 @@ private:
     uint32_t run_length() const;
     bool next_in_run();
     void *obtain(uint64_t size);  // zeroed; records -2 on failure
+    // For an element record, which its decoder clears before anything else.
+    void *obtain_uncleared(uint64_t size);
 
     template <class R, class M>
     bool take_nested(R *dst, M *map, TlvDecodeFn<R, M> dec)
@@ -264,6 +271,7 @@ private:
     uint64_t end_ = 0;      // end of its value
     uint64_t next_ = 0;     // end rounded up to 4
     uint32_t tag_ = 0, vlen_ = 0;
+    uint32_t seen_ = 0;  // fields decoded so far, with or without a map
     uint64_t result_ = 0;
     int32_t err_ = 0;
 };
@@ -478,7 +486,10 @@ public:
         if (!arr) return;
         *elems = arr;
         for (uint32_t i = 0; i < count && !err_; ++i) {
-            auto *e = static_cast<R *>(obtain(sizeof(R)));
+            // Aligned before the element is taken, so that the decoder runs
+            // (and clears it) for every element the array holds.
+            if (!align(4)) return;
+            auto *e = static_cast<R *>(obtain_uncleared(sizeof(R)));
             if (!e) return;
             arr[i] = e;
             record(e, dec);
@@ -502,6 +513,7 @@ private:
         return true;
     }
     void *obtain(uint64_t size);
+    void *obtain_uncleared(uint64_t size);  // for an element record: its decoder clears it
 
     template <class T>
     TARN_IDL_HOT void scalar(T *dst, uint32_t width, uint32_t alignment)

@@ -121,7 +121,9 @@ void emit_prototypes(std::ostream &o, const std::string &n, bool tlv, bool idr, 
     }
 }
 
-void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t)
+// in_order: the decoder's first pass that expects the items in field order
+// (the reference decodes through the switch alone).
+void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t, bool in_order)
 {
     const std::string &n = t.name;
     o << "uint32_t tlv_encode_" << n << "_0(const " << n << "_t *r, const " << n
@@ -148,22 +150,36 @@ void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t)
       << "_map_t *m, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
     o << "    *r = " << n << "_t{};\n    if (m) *m = " << n << "_map_t{};\n";
     o << "    idl::TlvDecoder d(in, in_len, m ? &m->bits : nullptr, alloc, ctx);\n";
-    o << "    while (d.next()) {\n        switch (d.tag()) {\n";
+    // Each field's step, the same in both passes below.
+    std::vector<std::string> take(t.fields.size());
     for (std::size_t i = 0; i < t.fields.size(); ++i) {
         const Field &f = t.fields[i];
-        o << "        case " << f.tag << ": d.";
+        std::ostringstream c;
+        c << "d.";
         if (is_scalar(f.kind))
-            o << kind_name(f.kind) << "(" << i << ", &r->" << f.name << ");";
+            c << kind_name(f.kind) << "(" << i << ", &r->" << f.name << ");";
         else if (f.kind == Kind::Bytes)
-            o << "bytes(" << i << ", &r->" << f.name << ", &r->" << count_name(f) << ");";
+            c << "bytes(" << i << ", &r->" << f.name << ", &r->" << count_name(f) << ");";
         else if (f.kind == Kind::Record)
-            o << "record(" << i << ", &r->" << f.name << ", " << map_arg(f, true) << ", &tlv_decode_"
+            c << "record(" << i << ", &r->" << f.name << ", " << map_arg(f, true) << ", &tlv_decode_"
               << f.type << "_0, &tlv_release_" << f.type << "_0);";
         else
-            o << "array(" << i << ", &r->" << f.name << ", &r->" << count_name(f) << ", "
+            c << "array(" << i << ", &r->" << f.name << ", &r->" << count_name(f) << ", "
               << map_arg(f, true) << ", &tlv_decode_" << f.type << "_0);";
-        o << " break;\n";
+        take[i] = c.str();
     }
+    // Encoders write the items in field order, so a first pass expects them
+    // so: one well-predicted test per field instead of a jump through the
+    // switch per item. Items are still taken strictly in input order; the
+    // first one out of order (a repeat, an unknown tag) hands the rest to the
+    // switch.
+    o << "    bool more = d.next();\n";
+    for (std::size_t i = 0; in_order && i < t.fields.size(); ++i)
+        o << "    if (more && d.tag() == " << t.fields[i].tag << ") { " << take[i]
+          << " more = d.next(); }\n";
+    o << "    for (; more; more = d.next()) {\n        switch (d.tag()) {\n";
+    for (std::size_t i = 0; i < t.fields.size(); ++i)
+        o << "        case " << t.fields[i].tag << ": " << take[i] << " break;\n";
     o << "        default: break; /* unknown tags are skipped */\n        }\n    }\n";
     o << "    return d.result();\n}\n\n";
 
@@ -521,7 +537,7 @@ std::string emit_family(const Model &model, const std::string &family, std::size
         if (t.idr && t.sizes)
             o << "const uint32_t idr_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
         o << "\n";
-        if (t.tlv) emit_tlv_functions(o, model, t);
+        if (t.tlv) emit_tlv_functions(o, model, t, true);
         if (t.idr) emit_idr_functions(o, model, t, abi);
     }
     for (const Choice &c : model.choices) {
@@ -581,7 +597,7 @@ std::string emit_reference(const Model &model)
     };
     for (const Type &t : model.types) {
         std::ostringstream tlv, idr;
-        if (t.tlv) emit_tlv_functions(tlv, model, t);
+        if (t.tlv) emit_tlv_functions(tlv, model, t, false);
         if (t.idr) emit_idr_functions(idr, model, t, Abi::Generic);
         o << without_release(tlv.str(), "tlv") << without_release(idr.str(), "idr");
     }
