@@ -87,6 +87,7 @@ TEST(IdlGen, EmittedFunctionsAreStraightLineRuntimeCalls)
     EXPECT_THAT(src, HasSubstr("    e.u8(1, 2, r->version);\n"));
     EXPECT_THAT(src, HasSubstr("    e.array(10, 11, r->infos, r->infos_count, m ? m->infos : nullptr, "
                                "&tlv_encode_info_0);\n"));
+    EXPECT_THAT(src, HasSubstr("    if (more && d.tag() == 9) { d.u16(8, &r->hdrlen); more = d.next(); }\n"));
     EXPECT_THAT(src, HasSubstr("        case 9: d.u16(8, &r->hdrlen); break;\n"));
     EXPECT_THAT(src, HasSubstr("    e.record(0, 1, r->hdr, m ? &m->hdr : nullptr, &tlv_encode_hdr_0);\n"));
     EXPECT_THAT(src, HasSubstr("    e.count(idl::live_count(r->infos, r->infos_count));\n    e.end_fixed();\n"

@@ -177,10 +177,11 @@ void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t, bool
     for (std::size_t i = 0; in_order && i < t.fields.size(); ++i)
         o << "    if (more && d.tag() == " << t.fields[i].tag << ") { " << take[i]
           << " more = d.next(); }\n";
-    o << "    for (; more; more = d.next()) {\n        switch (d.tag()) {\n";
+    o << "    while (more) {\n        switch (d.tag()) {\n";
     for (std::size_t i = 0; i < t.fields.size(); ++i)
         o << "        case " << t.fields[i].tag << ": " << take[i] << " break;\n";
-    o << "        default: break; /* unknown tags are skipped */\n        }\n    }\n";
+    o << "        default: break; /* unknown tags are skipped */\n        }\n"
+         "        more = d.next();\n    }\n";
     o << "    return d.result();\n}\n\n";
 
     o << "void tlv_release_" << n << "_0(" << n << "_t *r, " << n
