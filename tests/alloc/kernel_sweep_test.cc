@@ -9,18 +9,15 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "emu_client.h"
 #include "fake_daemon.h"
-#include "kernel_emulator.h"
-#include "quiet_sink.h"
-#include "route_record.h"
-#include "sweep.h"
+#include "kernel_sweep.h"
 #include <tarn/tarn.h>
 #ifdef TARN_ALLOC_SWEEP_COMPRESS
 #include <tarn/compress.h>
@@ -29,64 +26,16 @@
 namespace {
 
 using tarn::test::command;
-using tarn::test::inject;
-using tarn::test::KernelEmulator;
 using tarn::test::alloc::code_of;
 using tarn::test::alloc::errno_of;
+using tarn::test::alloc::KernelSweep;
+using tarn::test::alloc::kPrefix;
 using tarn::test::alloc::kWrong;
 using tarn::test::alloc::QuietSink;
 using tarn::test::alloc::Route;
 using tarn::test::alloc::Row;
 using tarn::test::alloc::sweep;
-
-
-const uint8_t kPrefix[] = {10, 99, 0, 0};  // 10.99.0.0/16, added for the suite
-
-class KernelSweep : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        emu_ = new KernelEmulator();
-        ASSERT_TRUE(emu_->running()) << emu_->error();
-        command(-1, "route-add 0 2 0a63 16 1 0");
-    }
-    static void TearDownTestSuite()
-    {
-        delete emu_;
-        emu_ = nullptr;
-    }
-
-    // The row, with a fresh handle made before its setup and closed after
-    // its cleanup.
-    Row on_handle(Row row)
-    {
-        row.setup = [this, setup = row.setup] {
-            sink_.clear();
-            h_ = rtslib_open_set_liberr(0, &sink_, QuietSink::sink);
-            ASSERT_NE(h_, nullptr);
-            setup();
-        };
-        row.cleanup = [this, cleanup = row.cleanup] {
-            cleanup();
-            rtslib_close(h_);
-            h_ = nullptr;
-        };
-        return row;
-    }
-
-    // A route record of this handle's sequence, waiting on its socket.
-    void inject_route()
-    {
-        Route route(h_->seq);
-        ASSERT_EQ(inject(h_->fd, route.encoded(h_, false)), 0);
-    }
-
-    static KernelEmulator *emu_;
-    rtslib_cookie *h_ = nullptr;
-    QuietSink sink_;
-};
-
-KernelEmulator *KernelSweep::emu_ = nullptr;
+using tarn::test::alloc::wrong_unless;
 
 TEST_F(KernelSweep, HandleRoutesAndReads)
 {
@@ -106,6 +55,11 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
     // A sequence mismatch still delivers the message: a success here.
     auto delivered = [](int rc) { return rc == RTSLIB_SEQ_MISMATCH ? 0 : rc; };
     sweep({
+        {.name = "rtslib_open",
+         .call = [&] { return code_of(made = rtslib_open(0)); },
+         .failure = {ENOMEM},
+         .cleanup = [&] { rtslib_close(made); made = nullptr; },
+         .kept = 1},
         {.name = "rtslib_open_set_liberr",
          .call = [&] { return code_of(made = rtslib_open_set_liberr(0, &sink_, QuietSink::sink)); },
          .check = [&] { return rtslib_get_rtsock_version_info(made) != nullptr ? 0 : kWrong; },
@@ -183,6 +137,7 @@ TEST_F(KernelSweep, Interfaces)
     struct ifaddrs *ifa = nullptr;
     struct if_nameindex *names = nullptr;
     unsigned index = 0;
+    char name[IF_NAMESIZE > 60 ? IF_NAMESIZE : 60] = {};
     auto free_list = [&] {
         rtslib_msg_list_free(h_, list);
         list = nullptr;
@@ -235,10 +190,14 @@ TEST_F(KernelSweep, Interfaces)
              },
          .failure = {ENOMEM},
          .cleanup = [&] { if (names != nullptr) if_freenameindex(names); names = nullptr; }},
-        // Any failure of this lookup is "no such interface".
+        // Any failure of these lookups is "no such interface".
+        {.name = "if_indextoname",
+         .call = [&] { return if_indextoname(67, name) != nullptr ? 0 : errno; },
+         .check = [&] { return wrong_unless(std::string(name) == "ge-0/0/0.0"); },
+         .failure = {ENXIO}},
         {.name = "if_nametoindex",
          .call = [&] { return (index = if_nametoindex("em0")) != 0 ? 0 : errno; },
-         .check = [&] { return index == 65 ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(index == 65); },
          .failure = {ENXIO}},
         {.name = "ifl_getindexbyifname",
          .call = [&] {
@@ -267,7 +226,19 @@ TEST_F(KernelSweep, Asynchronous)
     int handled = 0;
     int cookie = 0;
     auto async = [&] { ASSERT_EQ(rtslib_set_async_info_nocontext(h_, &fd), 0); };
+    evContext loop{};
+    const uint8_t opaque[8] = {};
+    void *reply = nullptr;
     sweep({
+        on_handle({.name = "rtslib_set_async_context",
+                   .setup = [&] { ASSERT_EQ(evCreate(&loop), 0); },
+                   .call = [&] { return errno_of(rtslib_set_async_context(h_, loop)); },
+                   .failure = {ENOMEM},
+                   .cleanup = [&] { rtslib_destroy_async_context(h_); evDestroy(loop); }}),
+        on_handle({.name = "rtslib_async_opaque_handle",
+                   .call = [&] { return rtslib_async_opaque_handle(h_, 1, opaque, sizeof opaque, &reply, 1, 0); },
+                   .failure = {ENOMEM},
+                   .cleanup = [&] { rtslib_msg_free(h_, reply); reply = nullptr; }}),
         on_handle({.name = "rtslib_set_async_info_nocontext",
                    .call = [&] { return code_of(rtslib_set_async_info_nocontext(h_, &fd)); },
                    .check = [&] { return fd == h_->fd ? 0 : kWrong; },
@@ -470,7 +441,7 @@ TEST_F(KernelSweep, DaemonSessions)
         s = nullptr;
         daemon.reset();
     };
-    sweep({
+    std::vector<Row> rows = {
         {.name = "tarn_session_handle_alloc",
          .call = [&] { return code_of(tarn_session_handle_alloc(&s, &funs)); },
          .check = [&] { return tarn_session_handle_rtsock_descriptor(s) >= 0 ? 0 : kWrong; },
@@ -482,19 +453,72 @@ TEST_F(KernelSweep, DaemonSessions)
          .call = [&] { return code_of(tarn_alias_add(s, &alias, 5)); },
          .failure = {ENOMEM},
          .cleanup = release},
-        {.name = "tarn_client_identify (queued)",
-         .setup =
-             [&] {
-                 accept_session();
-                 daemon->shrink_receive_buffer(1);
-                 for (int i = 0; i < 100000 && tarn_session_queue_size(s) == 0; ++i)
-                     ASSERT_EQ(tarn_client_identify(s, "sweep"), 0);
-                 queued = tarn_session_queue_size(s);
-                 ASSERT_GT(queued, 0);
-             },
-         .call = [&] { return code_of(tarn_client_identify(s, "sweep")); },
-         .check = [&] { return tarn_session_queue_size(s) == queued + 1 ? 0 : kWrong; },
+        {.name = "tarn_alias_delete",
+         .setup = [&] { accept_session(); ASSERT_EQ(tarn_alias_add(s, &alias, 5), 0); },
+         .call = [&] { return code_of(tarn_alias_delete(s, &alias, 6)); },
          .failure = {ENOMEM},
          .cleanup = release},
-    });
+    };
+    // Every request goes through the session's writer: with the socket full,
+    // each one needs a block to wait in the queue.
+    auto fill_queue = [&] {
+        accept_session();
+        daemon->shrink_receive_buffer(1);
+        for (int i = 0; i < 100000 && tarn_session_queue_size(s) == 0; ++i)
+            ASSERT_EQ(tarn_client_identify(s, "sweep"), 0);
+        queued = tarn_session_queue_size(s);
+        ASSERT_GT(queued, 0);
+    };
+    tarn_rt_request route{};
+    route.rt_family = TARN_FAMILY_INET;
+    route.rt_prefix_len = 8;
+    route.rt_prefix[0] = 10;
+    const uint8_t gateway[16] = {192, 0, 2, 9};
+    const tarn_lsping_fec fec{0x0a000001, 32, 0};
+    const tarn_bw_record bw{};
+    const tarn_nbr_record nbr{};
+    const tarn_ra_record ra{};
+    const ipc_msg_t hdr{0, 0, TARN_MSG_MASTER_INDICATION, 0, 0};
+    const std::vector<std::pair<const char *, std::function<int()>>> requests = {
+        {"tarn_client_identify", [&] { return tarn_client_identify(s, "sweep"); }},
+        {"tarn_client_msg_write", [&] { return tarn_client_msg_write(s, &hdr, nullptr); }},
+        {"tarn_rt_add", [&] { return tarn_rt_add(s, &route); }},
+        {"tarn_rt_delete", [&] { return tarn_rt_delete(s, &route); }},
+        {"tarn_rt_lookup", [&] { return tarn_rt_lookup(s, &route); }},
+        {"tarn_rt_table_locate", [&] { return tarn_rt_table_locate(s, "inet.0", 1); }},
+        {"tarn_rt_change_gateway", [&] { return tarn_rt_change_gateway(s, 1, 2, 65, TARN_FAMILY_INET, gateway); }},
+        {"tarn_master_indication", [&] { return tarn_master_indication(s); }},
+        {"tarn_rr_restart", [&] { return tarn_rr_restart(s); }},
+        {"tarn_cleanup_data", [&] { return tarn_cleanup_data(s); }},
+        {"tarn_local_as_by_name", [&] { return tarn_local_as_by_name(s, "inet.0", 1); }},
+        {"tarn_bw_update", [&] { return tarn_bw_update(s, &bw, 1); }},
+        {"tarn_nbr_down_update", [&] { return tarn_nbr_down_update(s, &nbr, 1); }},
+        {"tarn_session_protocol_register", [&] { return tarn_session_protocol_register(s, "sweep", nullptr, 1, 2); }},
+        {"tarn_session_protocol_unregister", [&] { return tarn_session_protocol_unregister(s, 1, 2); }},
+        {"tarn_rt_flash_register_request", [&] { return tarn_rt_flash_register_request(s, 1, 2, 3, 4, 5, nullptr); }},
+        {"tarn_ra_add", [&] { return tarn_ra_add(s, &ra, 1); }},
+        {"tarn_ra_delete", [&] { return tarn_ra_delete(s, &ra, 1); }},
+        {"tarn_rsvp_lsp_lookup", [&] { return tarn_rsvp_lsp_lookup(s, "lsp", "path", "em0.0", 0, 1); }},
+        {"tarn_rsvp_p2mp_lsp_lookup", [&] { return tarn_rsvp_p2mp_lsp_lookup(s, "lsp", nullptr, 1); }},
+        {"tarn_ldp_fec_lookup", [&] { return tarn_ldp_fec_lookup(s, &fec, "", 1); }},
+        {"tarn_bgp_fec_lookup", [&] { return tarn_bgp_fec_lookup(s, &fec, "", 1); }},
+        {"tarn_vpn_pfx_lookup", [&] { return tarn_vpn_pfx_lookup(s, TARN_FAMILY_INET, gateway, 32, "vpn", 1); }},
+        {"tarn_endpt_lookup", [&] { return tarn_endpt_lookup(s, TARN_FAMILY_INET, gateway, 32, "", 1); }},
+        {"tarn_lspmon_lookup", [&] { return tarn_lspmon_lookup(s, "lsp", 1); }},
+        {"tarn_static_lsp_lookup", [&] { return tarn_static_lsp_lookup(s, "lsp", 1); }},
+        {"tarn_l2vpn_lookup", [&] { return tarn_l2vpn_lookup(s, "vpn", 1, 2, nullptr, 1); }},
+        {"tarn_l2vpn_fec129_lookup", [&] { return tarn_l2vpn_fec129_lookup(s, "vpn", "sai", "tai", 1); }},
+        {"tarn_l2ckt_lookup", [&] { return tarn_l2ckt_lookup(s, 0x0a000001, 7, nullptr, 1); }},
+        {"tarn_ldp_p2mp_fec_lookup", [&] { return tarn_ldp_p2mp_fec_lookup(s, 0x0a000001, 7, "", 1); }},
+        {"tarn_tdmpw_lookup", [&] { return tarn_tdmpw_lookup(s, 1); }},
+        {"tarn_mdiagd_p2mp_request", [&] { return tarn_mdiagd_p2mp_request(s, 1); }},
+    };
+    for (const auto &[name, send] : requests)
+        rows.push_back({.name = std::string(name) + " (queued)",
+                        .setup = fill_queue,
+                        .call = [&, send] { return code_of(send()); },
+                        .check = [&] { return wrong_unless(tarn_session_queue_size(s) == queued + 1); },
+                        .failure = {ENOMEM},
+                        .cleanup = release});
+    sweep(rows);
 }
