@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,6 +14,9 @@
 #include "route_record.h"
 #include "sweep.h"
 #include <tarn/tarn.h>
+#ifdef TARN_ALLOC_SWEEP_COMPRESS
+#include <tarn/compress.h>
+#endif
 
 namespace {
 
@@ -21,6 +26,7 @@ using tarn::test::alloc::QuietSink;
 using tarn::test::alloc::Route;
 using tarn::test::alloc::Row;
 using tarn::test::alloc::sweep;
+using tarn::test::alloc::wrong_unless;
 
 void *malloc_alloc(uint32_t size, void *) { return std::calloc(1, size); }
 void malloc_free(void *block, void *) { std::free(block); }
@@ -180,6 +186,7 @@ TEST_F(CoreSweep, Containers)
     int value = 0;
     uint16_t i16 = 0;
     uint32_t i32 = 0;
+    void *block = nullptr;
     auto destroy = [&] {
         if (t16 != nullptr)
             itable16_destroy(t16);
@@ -213,6 +220,24 @@ TEST_F(CoreSweep, Containers)
          .check = [&] { return itable32_lookup(t32, &i32) == &value ? 0 : kWrong; },
          .failure = {ENOMEM},
          .cleanup = destroy},
+        {.name = "itable16_create_ext",
+         .call = [&] { return code_of(t16 = itable16_create_ext(itable_def_alloc, itable_def_free, nullptr)); },
+         .failure = {ENOMEM},
+         .cleanup = destroy},
+        {.name = "itable32_create_ext",
+         .call = [&] { return code_of(t32 = itable32_create_ext(itable_def_alloc, itable_def_free, nullptr)); },
+         .failure = {ENOMEM},
+         .cleanup = destroy},
+        {.name = "itable_def_alloc",
+         .call = [&] { return code_of(block = itable_def_alloc(nullptr, 64)); },
+         .failure = {ENOMEM},
+         .cleanup = [&] { itable_def_free(nullptr, block); }},
+        {.name = "itable16_alloc",
+         .setup = [&] { t16 = itable16_create(); },
+         .call = [&] { return itable16_alloc(t16, &value, &i16); },
+         .check = [&] { return wrong_unless(itable16_lookup(t16, &i16) == &value); },
+         .failure = {ENOMEM},
+         .cleanup = destroy},
         {.name = "itable32_alloc",
          .setup = [&] { t32 = itable32_create(); },
          .call = [&] { return itable32_alloc(t32, &value, &i32); },
@@ -223,3 +248,42 @@ TEST_F(CoreSweep, Containers)
 }
 
 }  // namespace
+
+#ifdef TARN_ALLOC_SWEEP_COMPRESS
+// The compression hooks on their own: the libraries under them allocate
+// their working state per call.
+TEST(CompressSweep, Hooks)
+{
+    using Hook = int (*)(void *, uint32_t *, const void *, uint32_t);
+    const std::vector<uint8_t> plain(4000, 'x');
+    std::vector<uint8_t> packed(8192), out(8192);
+    uint32_t len = 0;
+    std::vector<Row> rows;
+    for (const auto &[name, pack, unpack] :
+         {std::tuple<const char *, Hook, Hook>{"zlib", tarn_zlib_compress, tarn_zlib_decompress},
+          {"zstd", tarn_zstd_compress, tarn_zstd_decompress}}) {
+        auto inflated = [&, unpack = unpack] {
+            len = static_cast<uint32_t>(out.size());
+            return unpack(out.data(), &len, packed.data(), static_cast<uint32_t>(packed.size()));
+        };
+        auto deflate = [&, pack = pack] {
+            len = static_cast<uint32_t>(packed.size());
+            int rc = pack(packed.data(), &len, plain.data(), static_cast<uint32_t>(plain.size()));
+            packed.resize(len);
+            return rc;
+        };
+        auto same = [&] { return wrong_unless(len == plain.size() && !std::memcmp(out.data(), plain.data(), len)); };
+        rows.push_back({.name = std::string("tarn_") + name + "_compress",
+                        .setup = [&] { packed.assign(8192, 0); },
+                        .call = deflate,
+                        .check = [&, inflated, same] { return inflated() != 0 ? kWrong : same(); },
+                        .failure = {ENOMEM}});
+        rows.push_back({.name = std::string("tarn_") + name + "_decompress",
+                        .setup = [&, deflate] { packed.assign(8192, 0); ASSERT_EQ(deflate(), 0); },
+                        .call = inflated,
+                        .check = same,
+                        .failure = {ENOMEM}});
+    }
+    sweep(rows);
+}
+#endif

@@ -48,6 +48,7 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
     uint32_t ack = 0;
     const uint8_t added[] = {10, 77, 0, 0};
     Route route;  // an add that asks for no answer
+    alignas(8) static uint8_t arena[16384];
     auto release = [&] {
         rtslib_msg_idl_release(h_, msg);
         msg = nullptr;
@@ -119,6 +120,12 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
              .check = [&] { return Route::compare(static_cast<rt_msg_t *>(msg)); },
              .failure = {ENOMEM},
              .cleanup = release}),
+        on_handle(
+            {.name = "rtslib_long_msg_read_idl_pa",
+             .setup = [&] { inject_route(); },
+             .call = [&] { return rtslib_long_msg_read_idl_pa(h_, &msg, &map, arena, sizeof arena); },
+             .check = [&] { return Route::compare(static_cast<rt_msg_t *>(msg)); },
+             .failure = {ENOMEM}}),
         on_handle(
             {.name = "rtslib_long_msg_read_idl",
              .setup = [&] { inject_route(); },
@@ -272,6 +279,10 @@ TEST_F(KernelSweep, Asynchronous)
                    .call = [&] { return code_of(rtslib_async_event_process(h_)); },
                    .check = [&] { return handled == 1 ? 0 : kWrong; },
                    .failure = {ENOMEM}}),
+        on_handle({.name = "rtslib_unnum_ifa_register_callback",
+                   .setup = async,
+                   .call = [&] { return errno_of(rtslib_unnum_ifa_register_callback(h_, donor_changed)); },
+                   .failure = {ENOMEM}}),
         on_handle({.name = "rtslib_unnum_ifa_register_interest",
                    .setup =
                        [&] {
@@ -334,6 +345,11 @@ TEST_F(KernelSweep, ConfigurationObjects)
             rtslib_gencfg_delete(h_, &c.msg);
         };
     };
+    gencfg_msg_t probe{};  // a get copies the answer's fields (pointers into it) here
+    auto add_plain = [&] {
+        ASSERT_EQ(rtslib_gencfg_add(h_, &plain.msg), 0);
+        probe = plain.msg;
+    };
     std::vector<Row> rows = {
         {.name = "rtslib_gencfg_create_peerinfo",
          .call = [&] { return rtslib_gencfg_create_peerinfo(&plain.msg, 4); },
@@ -360,11 +376,66 @@ TEST_F(KernelSweep, ConfigurationObjects)
                        release();
                        rtslib_gencfg_delete_peerinfo(&plain.msg);
                    }}),
+        on_handle({.name = "rtslib_gencfg_add",
+                   .call = [&] { return rtslib_gencfg_add(h_, &plain.msg); },
+                   .failure = {ENOMEM},
+                   .cleanup = drop(plain)}),
+        on_handle({.name = "rtslib_gencfg_change",
+                   .setup = add_plain,
+                   .call = [&] { return rtslib_gencfg_change(h_, &plain.msg); },
+                   .failure = {ENOMEM},
+                   .cleanup = drop(plain)}),
+        on_handle({.name = "rtslib_gencfg_change_and_get",
+                   .setup = add_plain,
+                   .call = [&] { return rtslib_gencfg_change_and_get(h_, &plain.msg, &reply, nullptr); },
+                   .check = [&] { return plain.compare(reply); },
+                   .failure = {ENOMEM},
+                   .cleanup = drop(plain)}),
+        on_handle({.name = "rtslib_gencfg_get",
+                   .setup = add_plain,
+                   .call = [&] { return rtslib_gencfg_get(h_, &probe, RTSLIB_GENCFG_OP_GET, &reply, nullptr); },
+                   .check = [&] { return plain.compare(reply); },
+                   .failure = {ENOMEM},
+                   .cleanup = drop(plain)}),
+        on_handle({.name = "rtslib_gencfg_delete",
+                   .setup = add_plain,
+                   .call = [&] { return rtslib_gencfg_delete(h_, &plain.msg); },
+                   .failure = {ENOMEM},
+                   .cleanup = drop(plain)}),
+        on_handle({.name = "rtslib_gencfg_op_export",
+                   .call = [&] { return rtslib_gencfg_op_export(h_, &plain.msg, RTSLIB_GENCFG_OP_ADD, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr); },
+                   .failure = {ENOMEM},
+                   .cleanup = drop(plain)}),
     };
 #ifdef TARN_ALLOC_SWEEP_COMPRESS
-    gencfg_msg_t probe{};  // a get copies the answer's fields (pointers into it) here
     auto zlib = [&] { rtslib_init_blob_compression(h_, tarn_zlib_compress, tarn_zlib_decompress); };
+    // A received record whose blob is still deflated.
+    gencfg_msg_t *received = nullptr;
+    auto receive_packed = [&] {
+        zlib();
+        std::vector<uint8_t> deflated(8192);
+        uint32_t n = static_cast<uint32_t>(deflated.size());
+        ASSERT_EQ(tarn_zlib_compress(deflated.data(), &n, packed.blob.data(), static_cast<uint32_t>(packed.blob.size())), 0);
+        gencfg_msg_t sent = packed.msg;
+        sent.hdr.version = RTS_GENCFG_VERSION;
+        sent.hdr.type = RTS_MSG_GENCFG;
+        sent.blob = deflated.data();
+        sent.blob_len = n;
+        void *enc = nullptr;
+        uint32_t len = 0;
+        ASSERT_EQ(rtslib_msg_idl_encode(h_, &sent, nullptr, &enc, &len), 0);
+        void *rec = nullptr;
+        ASSERT_EQ(rtslib_msg_idl_decode(h_, enc, len, &rec, nullptr), 0);
+        rtslib_msg_free(h_, enc);
+        received = static_cast<gencfg_msg_t *>(rec);
+    };
     rows.insert(rows.end(), {
+        on_handle({.name = "rtslib_gencfg_async (zlib)",
+                   .setup = receive_packed,
+                   .call = [&] { return rtslib_gencfg_async(h_, &received); },
+                   .check = [&] { return packed.compare(received); },
+                   .failure = {ENOMEM},
+                   .cleanup = [&] { rtslib_msg_idl_release(h_, received); received = nullptr; }}),
         // Only adds and changes compress; what comes back is inflated.
         on_handle({.name = "rtslib_gencfg_add (zlib)",
                    .setup = zlib,
