@@ -71,7 +71,7 @@ TEST_F(CoreSweep, HandlesBuffersAndLists)
     sweep({
         {.name = "rtslib_open_nc",
          .call = [&] { return code_of(made = rtslib_open_nc()); },
-         .check = [&] { return made->fd == -1 && made->read_buffer != nullptr ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(made->fd == -1 && made->read_buffer != nullptr); },
          .failure = {ENOMEM},
          .cleanup = [&] { rtslib_close(made); made = nullptr; }},
         {.name = "rtslib_size_alloc",
@@ -94,7 +94,7 @@ TEST_F(CoreSweep, HandlesBuffersAndLists)
                  raw[0] = rtslib_msg_malloc(h_);
              },
          .call = [&] { return rtslib_msg_list_add(h_, list, raw[0]); },
-         .check = [&] { return list->count == 1 && list->entries[0] == raw[0] ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(list->count == 1 && list->entries[0] == raw[0]); },
          .failure = {ENOMEM},
          .cleanup =
              [&] {
@@ -112,7 +112,7 @@ TEST_F(CoreSweep, HandlesBuffersAndLists)
          .check =
              [&] {
                  auto *third = static_cast<rtb_msg_t *>(rtslib_msg_list_get_by_index(list, 2));
-                 return list->count == 3 && third != nullptr && third->tid == 3 ? 0 : kWrong;
+                 return wrong_unless(list->count == 3 && third != nullptr && third->tid == 3);
              },
          .failure = {ENOMEM},
          .cleanup = free_list},
@@ -138,7 +138,7 @@ TEST_F(CoreSweep, EnvelopeAndCodecs)
     sweep({
         {.name = "rtslib_msg_idl_encode",
          .call = [&] { return rtslib_msg_idl_encode(h_, &route.rt, &route.map, &buf, &len); },
-         .check = [&] { return len == tlv.size() && !std::memcmp(buf, tlv.data(), len) ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(len == tlv.size() && !std::memcmp(buf, tlv.data(), len)); },
          .failure = {ENOMEM},
          .cleanup = [&] { rtslib_msg_free(h_, buf); }},
         {.name = "rtslib_msg_idl_decode (TLV)",
@@ -211,13 +211,13 @@ TEST_F(CoreSweep, Containers)
         {.name = "itable16_insert",
          .setup = [&] { t16 = itable16_create(); i16 = 40000; },
          .call = [&] { return itable16_insert(t16, &value, &i16); },
-         .check = [&] { return itable16_lookup(t16, &i16) == &value ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(itable16_lookup(t16, &i16) == &value); },
          .failure = {ENOMEM},
          .cleanup = destroy},
         {.name = "itable32_insert",
          .setup = [&] { t32 = itable32_create(); i32 = 0x30005; },
          .call = [&] { return itable32_insert(t32, &value, &i32); },
-         .check = [&] { return itable32_lookup(t32, &i32) == &value ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(itable32_lookup(t32, &i32) == &value); },
          .failure = {ENOMEM},
          .cleanup = destroy},
         {.name = "itable16_create_ext",
@@ -241,7 +241,7 @@ TEST_F(CoreSweep, Containers)
         {.name = "itable32_alloc",
          .setup = [&] { t32 = itable32_create(); },
          .call = [&] { return itable32_alloc(t32, &value, &i32); },
-         .check = [&] { return itable32_lookup(t32, &i32) == &value ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(itable32_lookup(t32, &i32) == &value); },
          .failure = {ENOMEM},
          .cleanup = destroy},
     });

@@ -247,64 +247,34 @@ TEST_F(Families, InterfaceNames)
 
 int ignore(rtslib_cookie *, void *, void *, void *) { return 0; }
 
+// The registrations that take only an argument and a handler.
+#define PLAIN_REGISTRATIONS(X)                                                                  \
+    X(rtbm) X(ifdm) X(iflm) X(rnhm) X(mgrm) X(dfwm) X(ifdest) X(ifdalm) X(dfwstatsm) X(pfeinfo)  \
+    X(ifvcm) X(rtclass) X(cos) X(sample) X(sadbm) X(monitor) X(monitor_state) X(pkcs_reply)     \
+    X(ifvpm) X(ifsm) X(asp_cfg) X(asp_ipsec) X(l2tp) X(cp_config) X(cp_pic) X(picm) X(ksyncm)   \
+    X(gencfg) X(aggr_config) X(pfe_dwn_map) X(stp) X(nh_comp) X(vlan) X(mesh_group)            \
+    X(analyzer) X(bd) X(ifbd) X(ksdb) X(fc_fabric) X(ddos) X(notify)
+
 TEST_F(Families, HandlerRegistrations)
 {
     int fd = -1;
     void *arg = nullptr;
     const rtslib_async_handler_fn fn = ignore;
 #define REGISTER(call) PLAIN(errno_of(call))
+#define ROW(kind) {"rtslib_" #kind "_async_register", REGISTER(rtslib_##kind##_async_register(h, arg, fn))},
     sweep(rows(
         {
-            {"rtslib_rtbm_async_register", REGISTER(rtslib_rtbm_async_register(h, arg, fn))},
-            {"rtslib_ifdm_async_register", REGISTER(rtslib_ifdm_async_register(h, arg, fn))},
-            {"rtslib_iflm_async_register", REGISTER(rtslib_iflm_async_register(h, arg, fn))},
+            PLAIN_REGISTRATIONS(ROW)
             {"rtslib_iffm_async_register", REGISTER(rtslib_iffm_async_register(h, 5, arg, fn))},
             {"rtslib_ifam_async_register", REGISTER(rtslib_ifam_async_register(h, 1, arg, fn))},
-            {"rtslib_rnhm_async_register", REGISTER(rtslib_rnhm_async_register(h, arg, fn))},
-            {"rtslib_mgrm_async_register", REGISTER(rtslib_mgrm_async_register(h, arg, fn))},
-            {"rtslib_dfwm_async_register", REGISTER(rtslib_dfwm_async_register(h, arg, fn))},
-            {"rtslib_ifdest_async_register", REGISTER(rtslib_ifdest_async_register(h, arg, fn))},
-            {"rtslib_ifdalm_async_register", REGISTER(rtslib_ifdalm_async_register(h, arg, fn))},
-            {"rtslib_dfwstatsm_async_register", REGISTER(rtslib_dfwstatsm_async_register(h, arg, fn))},
-            {"rtslib_pfeinfo_async_register", REGISTER(rtslib_pfeinfo_async_register(h, arg, fn))},
-            {"rtslib_ifvcm_async_register", REGISTER(rtslib_ifvcm_async_register(h, arg, fn))},
-            {"rtslib_rtclass_async_register", REGISTER(rtslib_rtclass_async_register(h, arg, fn))},
-            {"rtslib_cos_async_register", REGISTER(rtslib_cos_async_register(h, arg, fn))},
-            {"rtslib_sample_async_register", REGISTER(rtslib_sample_async_register(h, arg, fn))},
-            {"rtslib_sadbm_async_register", REGISTER(rtslib_sadbm_async_register(h, arg, fn))},
-            {"rtslib_monitor_async_register", REGISTER(rtslib_monitor_async_register(h, arg, fn))},
-            {"rtslib_monitor_state_async_register", REGISTER(rtslib_monitor_state_async_register(h, arg, fn))},
-            {"rtslib_pkcs_reply_async_register", REGISTER(rtslib_pkcs_reply_async_register(h, arg, fn))},
-            {"rtslib_ifvpm_async_register", REGISTER(rtslib_ifvpm_async_register(h, arg, fn))},
-            {"rtslib_ifsm_async_register", REGISTER(rtslib_ifsm_async_register(h, arg, fn))},
-            {"rtslib_asp_cfg_async_register", REGISTER(rtslib_asp_cfg_async_register(h, arg, fn))},
-            {"rtslib_asp_ipsec_async_register", REGISTER(rtslib_asp_ipsec_async_register(h, arg, fn))},
-            {"rtslib_l2tp_async_register", REGISTER(rtslib_l2tp_async_register(h, arg, fn))},
-            {"rtslib_cp_config_async_register", REGISTER(rtslib_cp_config_async_register(h, arg, fn))},
-            {"rtslib_cp_pic_async_register", REGISTER(rtslib_cp_pic_async_register(h, arg, fn))},
-            {"rtslib_picm_async_register", REGISTER(rtslib_picm_async_register(h, arg, fn))},
-            {"rtslib_ksyncm_async_register", REGISTER(rtslib_ksyncm_async_register(h, arg, fn))},
-            {"rtslib_gencfg_async_register", REGISTER(rtslib_gencfg_async_register(h, arg, fn))},
-            {"rtslib_aggr_config_async_register", REGISTER(rtslib_aggr_config_async_register(h, arg, fn))},
             {"rtslib_async_opaque_register", REGISTER(rtslib_async_opaque_register(h, arg, fn, nullptr))},
             {"rtslib_qsv_async_register", REGISTER(rtslib_qsv_async_register(h, arg, fn, 2))},
-            {"rtslib_pfe_dwn_map_async_register", REGISTER(rtslib_pfe_dwn_map_async_register(h, arg, fn))},
-            {"rtslib_stp_async_register", REGISTER(rtslib_stp_async_register(h, arg, fn))},
-            {"rtslib_nh_comp_async_register", REGISTER(rtslib_nh_comp_async_register(h, arg, fn))},
-            {"rtslib_vlan_async_register", REGISTER(rtslib_vlan_async_register(h, arg, fn))},
-            {"rtslib_mesh_group_async_register", REGISTER(rtslib_mesh_group_async_register(h, arg, fn))},
-            {"rtslib_analyzer_async_register", REGISTER(rtslib_analyzer_async_register(h, arg, fn))},
-            {"rtslib_bd_async_register", REGISTER(rtslib_bd_async_register(h, arg, fn))},
-            {"rtslib_ifbd_async_register", REGISTER(rtslib_ifbd_async_register(h, arg, fn))},
-            {"rtslib_ksdb_async_register", REGISTER(rtslib_ksdb_async_register(h, arg, fn))},
-            {"rtslib_fc_fabric_async_register", REGISTER(rtslib_fc_fabric_async_register(h, arg, fn))},
-            {"rtslib_ddos_async_register", REGISTER(rtslib_ddos_async_register(h, arg, fn))},
-            {"rtslib_notify_async_register", REGISTER(rtslib_notify_async_register(h, arg, fn))},
             {"rtslib_kuack_async_register", REGISTER(rtslib_kuack_async_register(h, 0, arg, fn))},
             {"rtslib_sysstatsm_async_register", REGISTER(rtslib_sysstatsm_async_register(h, 4, arg, fn))},
             {"rtslib_ifstate_eochain_register", REGISTER(rtslib_ifstate_eochain_register(h, arg, fn))},
         },
         [&] { ASSERT_EQ(rtslib_set_async_info_nocontext(h_, &fd), 0); }));
+#undef ROW
 #undef REGISTER
 }
 

@@ -12,11 +12,13 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "fake_daemon.h"
+#include "gencfg_support.h"
 #include "kernel_sweep.h"
 #include <tarn/tarn.h>
 #ifdef TARN_ALLOC_SWEEP_COMPRESS
@@ -30,7 +32,6 @@ using tarn::test::alloc::code_of;
 using tarn::test::alloc::errno_of;
 using tarn::test::alloc::KernelSweep;
 using tarn::test::alloc::kPrefix;
-using tarn::test::alloc::kWrong;
 using tarn::test::alloc::QuietSink;
 using tarn::test::alloc::Route;
 using tarn::test::alloc::Row;
@@ -63,7 +64,7 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
          .kept = 1},
         {.name = "rtslib_open_set_liberr",
          .call = [&] { return code_of(made = rtslib_open_set_liberr(0, &sink_, QuietSink::sink)); },
-         .check = [&] { return rtslib_get_rtsock_version_info(made) != nullptr ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(rtslib_get_rtsock_version_info(made) != nullptr); },
          .failure = {ENOMEM},
          .cleanup = [&] { rtslib_close(made); made = nullptr; },
          // A failed open frees the record only; its read buffer stays.
@@ -94,13 +95,13 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
                      return rtslib_rtm_get(h_, 0, TARN_AF_INET, kPrefix, 16, 0, 0, 0, 0,
                                            RTS_OP_GET, &rt, &map);
                  },
-             .check = [&] { return rt->plen == 16 && rt->prefix[1] == 99 ? 0 : kWrong; },
+             .check = [&] { return wrong_unless(rt->plen == 16 && rt->prefix[1] == 99); },
              .failure = {ENOMEM},
              .cleanup = [&] { rtslib_msg_idl_release(h_, rt); rt = nullptr; }}),
         on_handle(
             {.name = "rtslib_rtbm_get_by_name",
              .call = [&] { return rtslib_rtbm_get_by_name(h_, TARN_AF_INET, "default", &rtb, &map); },
-             .check = [&] { return rtb->hdr.type == RTS_MSG_RTTABLE ? 0 : kWrong; },
+             .check = [&] { return wrong_unless(rtb->hdr.type == RTS_MSG_RTTABLE); },
              .failure = {ENOMEM},
              .cleanup = [&] { rtslib_msg_idl_release(h_, rtb); rtb = nullptr; }}),
         on_handle({.name = "rtslib_msg_write_idl",
@@ -110,7 +111,7 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
             {.name = "rtslib_long_msg_read",
              .setup = [&] { inject_route(); },
              .call = [&] { return delivered(rtslib_long_msg_read(h_, &msg, &len)); },
-             .check = [&] { return msg != nullptr && len > 12 ? 0 : kWrong; },
+             .check = [&] { return wrong_unless(msg != nullptr && len > 12); },
              .failure = {ENOMEM},
              .cleanup = [&] { rtslib_msg_free(h_, msg); msg = nullptr; }}),
         on_handle(
@@ -149,12 +150,12 @@ TEST_F(KernelSweep, Interfaces)
         rtslib_msg_list_free(h_, list);
         list = nullptr;
     };
-    auto count_list = [&](uint16_t want) { return list->count == want ? 0 : kWrong; };
+    auto count_list = [&](uint16_t want) { return wrong_unless(list->count == want); };
     sweep({
         on_handle(
             {.name = "rtslib_ifdm_get_by_name",
              .call = [&] { return rtslib_ifdm_get_by_name(h_, "em0", RTS_OP_GET, &dev, &len); },
-             .check = [&] { return dev->ifdm_index == 2 ? 0 : kWrong; },
+             .check = [&] { return wrong_unless(dev->ifdm_index == 2); },
              .failure = {ENOMEM},
              .cleanup = [&] { rtslib_msg_idl_release(h_, dev); dev = nullptr; }}),
         on_handle({.name = "rtslib_ifdm_get_all",
@@ -164,7 +165,7 @@ TEST_F(KernelSweep, Interfaces)
                    .cleanup = free_list}),
         on_handle({.name = "rtslib_ifxm_get_all (addresses)",
                    .call = [&] { return rtslib_ifxm_get_all(h_, &list, RTSLIB_IFLIST_ADDRESSES); },
-                   .check = [&] { return list->count > 5 ? 0 : kWrong; },
+                   .check = [&] { return wrong_unless(list->count > 5); },
                    .failure = {ENOMEM},
                    .cleanup = free_list}),
         on_handle({.name = "rtslib_iflm_get_all",
@@ -179,7 +180,7 @@ TEST_F(KernelSweep, Interfaces)
                  int n = 0;
                  for (struct ifaddrs *i = ifa; i != nullptr; i = i->ifa_next)
                      ++n;
-                 return n == 4 ? 0 : kWrong;
+                 return wrong_unless(n == 4);
              },
          // EAGAIN when the emulated sysctl cannot have its reply buffer: a
          // kernel that runs out of memory there answers as for a list that
@@ -193,7 +194,7 @@ TEST_F(KernelSweep, Interfaces)
                  int n = 0;
                  while (names[n].if_index != 0)
                      ++n;
-                 return n == 5 && names[1].if_index == 65 && std::string(names[1].if_name) == "em0" ? 0 : kWrong;
+                 return wrong_unless(n == 5 && names[1].if_index == 65 && std::string(names[1].if_name) == "em0");
              },
          .failure = {ENOMEM},
          .cleanup = [&] { if (names != nullptr) if_freenameindex(names); names = nullptr; }},
@@ -212,7 +213,7 @@ TEST_F(KernelSweep, Interfaces)
              index = static_cast<unsigned>(rc);
              return rc >= 0 ? 0 : errno;
          },
-         .check = [&] { return index == 65 ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(index == 65); },
          .failure = {ENOMEM},
          .kept = 1},  // the read buffer of a handle whose open failed
     });
@@ -248,16 +249,14 @@ TEST_F(KernelSweep, Asynchronous)
                    .cleanup = [&] { rtslib_msg_free(h_, reply); reply = nullptr; }}),
         on_handle({.name = "rtslib_set_async_info_nocontext",
                    .call = [&] { return code_of(rtslib_set_async_info_nocontext(h_, &fd)); },
-                   .check = [&] { return fd == h_->fd ? 0 : kWrong; },
+                   .check = [&] { return wrong_unless(fd == h_->fd); },
                    .failure = {ENOMEM}}),
         on_handle({.name = "rtslib_create_async_context",
                    .call = [&] { return errno_of(rtslib_create_async_context(h_)); },
                    .check =
                        [&] {
                            evContext ev{};
-                           return rtslib_get_async_context(h_, &ev) == 0 && ev.opaque != nullptr
-                                      ? 0
-                                      : kWrong;
+                           return wrong_unless(rtslib_get_async_context(h_, &ev) == 0 && ev.opaque != nullptr);
                        },
                    .failure = {ENOMEM}}),
         on_handle({.name = "rtslib_rtm_async_register",
@@ -277,7 +276,7 @@ TEST_F(KernelSweep, Asynchronous)
                            inject_route();
                        },
                    .call = [&] { return code_of(rtslib_async_event_process(h_)); },
-                   .check = [&] { return handled == 1 ? 0 : kWrong; },
+                   .check = [&] { return wrong_unless(handled == 1); },
                    .failure = {ENOMEM}}),
         on_handle({.name = "rtslib_unnum_ifa_register_callback",
                    .setup = async,
@@ -323,10 +322,7 @@ struct Config {
     // 0 when `got` carries this object's blob, inflated.
     int compare(const gencfg_msg_t *got) const
     {
-        return got != nullptr && got->blob_len == blob.size() &&
-                       std::equal(blob.begin(), blob.end(), got->blob)
-                   ? 0
-                   : kWrong;
+        return wrong_unless(got != nullptr && got->blob_len == blob.size() && std::equal(blob.begin(), blob.end(), got->blob));
     }
 };
 
@@ -346,14 +342,25 @@ TEST_F(KernelSweep, ConfigurationObjects)
         };
     };
     gencfg_msg_t probe{};  // a get copies the answer's fields (pointers into it) here
-    auto add_plain = [&] {
-        ASSERT_EQ(rtslib_gencfg_add(h_, &plain.msg), 0);
-        probe = plain.msg;
+    // A request about the plain object, with the kernel holding it or not.
+    auto about_plain = [&](const char *name, bool held, bool answered, std::function<int()> call) {
+        return on_handle({.name = name,
+                          .setup =
+                              [&, held] {
+                                  if (held) {
+                                      ASSERT_EQ(rtslib_gencfg_add(h_, &plain.msg), 0);
+                                  }
+                                  probe = plain.msg;
+                              },
+                          .call = std::move(call),
+                          .check = [&, answered] { return answered ? plain.compare(reply) : 0; },
+                          .failure = {ENOMEM},
+                          .cleanup = drop(plain)});
     };
     std::vector<Row> rows = {
         {.name = "rtslib_gencfg_create_peerinfo",
          .call = [&] { return rtslib_gencfg_create_peerinfo(&plain.msg, 4); },
-         .check = [&] { return plain.msg.peer_capacity == 4 ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(plain.msg.peer_capacity == 4); },
          .failure = {-1},
          .cleanup = [&] { rtslib_gencfg_delete_peerinfo(&plain.msg); }},
         {.name = "rtslib_gencfg_create_depend",
@@ -370,42 +377,23 @@ TEST_F(KernelSweep, ConfigurationObjects)
                            ASSERT_EQ(rtslib_gencfg_add_peerinfo(&plain.msg, &peer), 0);
                        },
                    .call = [&] { return rtslib_gencfg_add_and_get(h_, &plain.msg, &reply, nullptr); },
-                   .check = [&] { return plain.compare(reply) == 0 && reply->peers_count == 1 ? 0 : kWrong; },
+                   .check = [&] { return wrong_unless(plain.compare(reply) == 0 && reply->peers_count == 1); },
                    .failure = {ENOMEM},
                    .cleanup = [&, release = drop(plain)] {
                        release();
                        rtslib_gencfg_delete_peerinfo(&plain.msg);
                    }}),
-        on_handle({.name = "rtslib_gencfg_add",
-                   .call = [&] { return rtslib_gencfg_add(h_, &plain.msg); },
-                   .failure = {ENOMEM},
-                   .cleanup = drop(plain)}),
-        on_handle({.name = "rtslib_gencfg_change",
-                   .setup = add_plain,
-                   .call = [&] { return rtslib_gencfg_change(h_, &plain.msg); },
-                   .failure = {ENOMEM},
-                   .cleanup = drop(plain)}),
-        on_handle({.name = "rtslib_gencfg_change_and_get",
-                   .setup = add_plain,
-                   .call = [&] { return rtslib_gencfg_change_and_get(h_, &plain.msg, &reply, nullptr); },
-                   .check = [&] { return plain.compare(reply); },
-                   .failure = {ENOMEM},
-                   .cleanup = drop(plain)}),
-        on_handle({.name = "rtslib_gencfg_get",
-                   .setup = add_plain,
-                   .call = [&] { return rtslib_gencfg_get(h_, &probe, RTSLIB_GENCFG_OP_GET, &reply, nullptr); },
-                   .check = [&] { return plain.compare(reply); },
-                   .failure = {ENOMEM},
-                   .cleanup = drop(plain)}),
-        on_handle({.name = "rtslib_gencfg_delete",
-                   .setup = add_plain,
-                   .call = [&] { return rtslib_gencfg_delete(h_, &plain.msg); },
-                   .failure = {ENOMEM},
-                   .cleanup = drop(plain)}),
-        on_handle({.name = "rtslib_gencfg_op_export",
-                   .call = [&] { return rtslib_gencfg_op_export(h_, &plain.msg, RTSLIB_GENCFG_OP_ADD, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr); },
-                   .failure = {ENOMEM},
-                   .cleanup = drop(plain)}),
+        about_plain("rtslib_gencfg_add", false, false, [&] { return rtslib_gencfg_add(h_, &plain.msg); }),
+        about_plain("rtslib_gencfg_change", true, false, [&] { return rtslib_gencfg_change(h_, &plain.msg); }),
+        about_plain("rtslib_gencfg_change_and_get", true, true,
+                    [&] { return rtslib_gencfg_change_and_get(h_, &plain.msg, &reply, nullptr); }),
+        about_plain("rtslib_gencfg_get", true, true,
+                    [&] { return rtslib_gencfg_get(h_, &probe, RTSLIB_GENCFG_OP_GET, &reply, nullptr); }),
+        about_plain("rtslib_gencfg_delete", true, false, [&] { return rtslib_gencfg_delete(h_, &plain.msg); }),
+        about_plain("rtslib_gencfg_op_export", false, false, [&] {
+            return rtslib_gencfg_op_export(h_, &plain.msg, RTSLIB_GENCFG_OP_ADD, nullptr, nullptr, nullptr,
+                                           nullptr, nullptr, nullptr, nullptr, nullptr);
+        }),
     };
 #ifdef TARN_ALLOC_SWEEP_COMPRESS
     auto zlib = [&] { rtslib_init_blob_compression(h_, tarn_zlib_compress, tarn_zlib_decompress); };
@@ -416,18 +404,7 @@ TEST_F(KernelSweep, ConfigurationObjects)
         std::vector<uint8_t> deflated(8192);
         uint32_t n = static_cast<uint32_t>(deflated.size());
         ASSERT_EQ(tarn_zlib_compress(deflated.data(), &n, packed.blob.data(), static_cast<uint32_t>(packed.blob.size())), 0);
-        gencfg_msg_t sent = packed.msg;
-        sent.hdr.version = RTS_GENCFG_VERSION;
-        sent.hdr.type = RTS_MSG_GENCFG;
-        sent.blob = deflated.data();
-        sent.blob_len = n;
-        void *enc = nullptr;
-        uint32_t len = 0;
-        ASSERT_EQ(rtslib_msg_idl_encode(h_, &sent, nullptr, &enc, &len), 0);
-        void *rec = nullptr;
-        ASSERT_EQ(rtslib_msg_idl_decode(h_, enc, len, &rec, nullptr), 0);
-        rtslib_msg_free(h_, enc);
-        received = static_cast<gencfg_msg_t *>(rec);
+        received = tarn::test::received_gencfg(h_, packed.msg.flags, deflated.data(), n);
     };
     rows.insert(rows.end(), {
         on_handle({.name = "rtslib_gencfg_async (zlib)",
@@ -515,7 +492,7 @@ TEST_F(KernelSweep, DaemonSessions)
     std::vector<Row> rows = {
         {.name = "tarn_session_handle_alloc",
          .call = [&] { return code_of(tarn_session_handle_alloc(&s, &funs)); },
-         .check = [&] { return tarn_session_handle_rtsock_descriptor(s) >= 0 ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(tarn_session_handle_rtsock_descriptor(s) >= 0); },
          .failure = {ENOMEM},
          .cleanup = release,
          .kept = 1},  // the read buffer of its routing-socket handle, when that fails to open

@@ -19,9 +19,9 @@
 namespace {
 
 using tarn::test::alloc::code_of;
-using tarn::test::alloc::kWrong;
 using tarn::test::alloc::Row;
 using tarn::test::alloc::sweep;
+using tarn::test::alloc::wrong_unless;
 
 // A failure inside libev, under a watcher start, is absorbed by the event
 // library's reserve: the call succeeds (and must be right).
@@ -93,7 +93,7 @@ TEST_F(LoopSweep, EventLibrary)
     sweep({
         {.name = "evCreate",
          .call = [&] { return code_of(evCreate(&made)); },
-         .check = [&] { return made.opaque != nullptr ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(made.opaque != nullptr); },
          .failure = {ENOMEM},
          .cleanup = [&] { if (made.opaque != nullptr) evDestroy(made); made = {}; }},
         in_context({.name = "evSelectFD",
@@ -140,7 +140,7 @@ TEST_F(LoopSweep, Pipe)
     sweep({
         {.name = "ipc_pipe_create",
          .call = [&] { return code_of(pipe = ipc_pipe_create(8192)); },
-         .check = [&] { return ipc_pipe_write_pending(pipe) == 0 ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(ipc_pipe_write_pending(pipe) == 0); },
          .failure = {ENOMEM},
          .cleanup = [&] { ipc_pipe_destroy(pipe); pipe = nullptr; }},
     });
