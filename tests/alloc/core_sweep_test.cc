@@ -238,6 +238,12 @@ TEST_F(CoreSweep, Containers)
          .check = [&] { return wrong_unless(itable16_lookup(t16, &i16) == &value); },
          .failure = {ENOMEM},
          .cleanup = destroy},
+        // A missing sub-table is made even though a fresh one has no slot to fill.
+        {.name = "itable32_replace",
+         .setup = [&] { t32 = itable32_create(); i32 = 0x30005; },
+         .call = [&] { return wrong_unless(itable32_replace(t32, &i32, &value) == nullptr); },
+         .failure = {0},
+         .cleanup = destroy},
         {.name = "itable32_alloc",
          .setup = [&] { t32 = itable32_create(); },
          .call = [&] { return itable32_alloc(t32, &value, &i32); },

@@ -234,6 +234,12 @@ TEST_F(KernelSweep, Asynchronous)
     int handled = 0;
     int cookie = 0;
     auto async = [&] { ASSERT_EQ(rtslib_set_async_info_nocontext(h_, &fd), 0); };
+    uint8_t lo0[4] = {127, 0, 0, 1};
+    ifa_msg_t donor_address{};  // lo0.0's address changed
+    donor_address.ifam_af = TARN_AF_INET;
+    donor_address.ifam_index = 64;
+    donor_address.ifam_local = lo0;
+    donor_address.ifam_local_len = sizeof lo0;
     evContext loop{};
     const uint8_t opaque[8] = {};
     void *reply = nullptr;
@@ -282,6 +288,17 @@ TEST_F(KernelSweep, Asynchronous)
                    .setup = async,
                    .call = [&] { return errno_of(rtslib_unnum_ifa_register_callback(h_, donor_changed)); },
                    .failure = {ENOMEM}}),
+        on_handle({.name = "rtslib_unnum_ifa_save_msg",
+                   .setup =
+                       [&] {
+                           async();
+                           ASSERT_EQ(rtslib_unnum_ifa_register_callback(h_, donor_changed), 0);
+                           ASSERT_EQ(rtslib_unnum_ifa_register_interest(h_, 68, 64, TARN_AF_INET, 1, &cookie), 0);
+                       },
+                   .call = [&] { return rtslib_unnum_ifa_save_msg(h_, &donor_address); },
+                   .failure = {-1},
+                   .cleanup = [&] { rtslib_unnum_ifa_report(h_); },
+                   .kept = 1}),
         on_handle({.name = "rtslib_unnum_ifa_register_interest",
                    .setup =
                        [&] {
