@@ -249,8 +249,15 @@ TEST_F(KernelSweep, Asynchronous)
                    .call = [&] { return errno_of(rtslib_set_async_context(h_, loop)); },
                    .failure = {ENOMEM},
                    .cleanup = [&] { rtslib_destroy_async_context(h_); evDestroy(loop); }}),
-        on_handle({.name = "rtslib_async_opaque_handle",
-                   .call = [&] { return rtslib_async_opaque_handle(h_, 1, opaque, sizeof opaque, &reply, 1, 0); },
+        // The reply stands ready on the socket: the emulator answers no one.
+        on_handle({.name = "rtslib_async_opaque_handle (with a reply)",
+                   .setup = [&] { inject_route(); },
+                   .call =
+                       [&] {
+                           return rtslib_async_opaque_handle(h_, 1, opaque, sizeof opaque, &reply, 1,
+                                                             RTSLIB_ASYNC_OPAQUE_WANT_REPLY);
+                       },
+                   .check = [&] { return wrong_unless(reply != nullptr); },
                    .failure = {ENOMEM},
                    .cleanup = [&] { rtslib_msg_free(h_, reply); reply = nullptr; }}),
         on_handle({.name = "rtslib_set_async_info_nocontext",
