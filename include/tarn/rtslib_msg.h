@@ -44,7 +44,8 @@ TARN_API int rtslib_msg_read(rtslib_cookie *handle, void *dest, uint32_t *len_ou
 
 /* Reads the next message, of any length, into a new buffer of exactly its
  * size (free with rtslib_msg_free). len_out may be NULL. On failure *msg_out
- * is NULL and *len_out 0. */
+ * is NULL and *len_out 0; a message for which no buffer can be had is
+ * dropped (ENOMEM), so that it is not taken for a later request's answer. */
 TARN_API int rtslib_long_msg_read(rtslib_cookie *handle, void **msg_out, uint32_t *len_out);
 
 /* --- IDL-encoded messages ---------------------------------------------- */

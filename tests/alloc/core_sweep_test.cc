@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,6 +14,9 @@
 #include "route_record.h"
 #include "sweep.h"
 #include <tarn/tarn.h>
+#ifdef TARN_ALLOC_SWEEP_COMPRESS
+#include <tarn/compress.h>
+#endif
 
 namespace {
 
@@ -21,6 +26,7 @@ using tarn::test::alloc::QuietSink;
 using tarn::test::alloc::Route;
 using tarn::test::alloc::Row;
 using tarn::test::alloc::sweep;
+using tarn::test::alloc::wrong_unless;
 
 void *malloc_alloc(uint32_t size, void *) { return std::calloc(1, size); }
 void malloc_free(void *block, void *) { std::free(block); }
@@ -65,7 +71,7 @@ TEST_F(CoreSweep, HandlesBuffersAndLists)
     sweep({
         {.name = "rtslib_open_nc",
          .call = [&] { return code_of(made = rtslib_open_nc()); },
-         .check = [&] { return made->fd == -1 && made->read_buffer != nullptr ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(made->fd == -1 && made->read_buffer != nullptr); },
          .failure = {ENOMEM},
          .cleanup = [&] { rtslib_close(made); made = nullptr; }},
         {.name = "rtslib_size_alloc",
@@ -88,7 +94,7 @@ TEST_F(CoreSweep, HandlesBuffersAndLists)
                  raw[0] = rtslib_msg_malloc(h_);
              },
          .call = [&] { return rtslib_msg_list_add(h_, list, raw[0]); },
-         .check = [&] { return list->count == 1 && list->entries[0] == raw[0] ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(list->count == 1 && list->entries[0] == raw[0]); },
          .failure = {ENOMEM},
          .cleanup =
              [&] {
@@ -106,7 +112,7 @@ TEST_F(CoreSweep, HandlesBuffersAndLists)
          .check =
              [&] {
                  auto *third = static_cast<rtb_msg_t *>(rtslib_msg_list_get_by_index(list, 2));
-                 return list->count == 3 && third != nullptr && third->tid == 3 ? 0 : kWrong;
+                 return wrong_unless(list->count == 3 && third != nullptr && third->tid == 3);
              },
          .failure = {ENOMEM},
          .cleanup = free_list},
@@ -132,7 +138,7 @@ TEST_F(CoreSweep, EnvelopeAndCodecs)
     sweep({
         {.name = "rtslib_msg_idl_encode",
          .call = [&] { return rtslib_msg_idl_encode(h_, &route.rt, &route.map, &buf, &len); },
-         .check = [&] { return len == tlv.size() && !std::memcmp(buf, tlv.data(), len) ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(len == tlv.size() && !std::memcmp(buf, tlv.data(), len)); },
          .failure = {ENOMEM},
          .cleanup = [&] { rtslib_msg_free(h_, buf); }},
         {.name = "rtslib_msg_idl_decode (TLV)",
@@ -180,6 +186,7 @@ TEST_F(CoreSweep, Containers)
     int value = 0;
     uint16_t i16 = 0;
     uint32_t i32 = 0;
+    void *block = nullptr;
     auto destroy = [&] {
         if (t16 != nullptr)
             itable16_destroy(t16);
@@ -204,22 +211,85 @@ TEST_F(CoreSweep, Containers)
         {.name = "itable16_insert",
          .setup = [&] { t16 = itable16_create(); i16 = 40000; },
          .call = [&] { return itable16_insert(t16, &value, &i16); },
-         .check = [&] { return itable16_lookup(t16, &i16) == &value ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(itable16_lookup(t16, &i16) == &value); },
          .failure = {ENOMEM},
          .cleanup = destroy},
         {.name = "itable32_insert",
          .setup = [&] { t32 = itable32_create(); i32 = 0x30005; },
          .call = [&] { return itable32_insert(t32, &value, &i32); },
-         .check = [&] { return itable32_lookup(t32, &i32) == &value ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(itable32_lookup(t32, &i32) == &value); },
          .failure = {ENOMEM},
+         .cleanup = destroy},
+        {.name = "itable16_create_ext",
+         .call = [&] { return code_of(t16 = itable16_create_ext(itable_def_alloc, itable_def_free, nullptr)); },
+         .failure = {ENOMEM},
+         .cleanup = destroy},
+        {.name = "itable32_create_ext",
+         .call = [&] { return code_of(t32 = itable32_create_ext(itable_def_alloc, itable_def_free, nullptr)); },
+         .failure = {ENOMEM},
+         .cleanup = destroy},
+        {.name = "itable_def_alloc",
+         .call = [&] { return code_of(block = itable_def_alloc(nullptr, 64)); },
+         .failure = {ENOMEM},
+         .cleanup = [&] { itable_def_free(nullptr, block); }},
+        {.name = "itable16_alloc",
+         .setup = [&] { t16 = itable16_create(); },
+         .call = [&] { return itable16_alloc(t16, &value, &i16); },
+         .check = [&] { return wrong_unless(itable16_lookup(t16, &i16) == &value); },
+         .failure = {ENOMEM},
+         .cleanup = destroy},
+        // A missing sub-table is made even though a fresh one has no slot to fill.
+        {.name = "itable32_replace",
+         .setup = [&] { t32 = itable32_create(); i32 = 0x30005; },
+         .call = [&] { return wrong_unless(itable32_replace(t32, &i32, &value) == nullptr); },
+         .failure = {0},
          .cleanup = destroy},
         {.name = "itable32_alloc",
          .setup = [&] { t32 = itable32_create(); },
          .call = [&] { return itable32_alloc(t32, &value, &i32); },
-         .check = [&] { return itable32_lookup(t32, &i32) == &value ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(itable32_lookup(t32, &i32) == &value); },
          .failure = {ENOMEM},
          .cleanup = destroy},
     });
 }
 
 }  // namespace
+
+#ifdef TARN_ALLOC_SWEEP_COMPRESS
+// The compression hooks on their own: the libraries under them allocate
+// their working state per call.
+TEST(CompressSweep, Hooks)
+{
+    using Hook = int (*)(void *, uint32_t *, const void *, uint32_t);
+    const std::vector<uint8_t> plain(4000, 'x');
+    std::vector<uint8_t> packed(8192), out(8192);
+    uint32_t len = 0;
+    std::vector<Row> rows;
+    for (const auto &[name, pack, unpack] :
+         {std::tuple<const char *, Hook, Hook>{"zlib", tarn_zlib_compress, tarn_zlib_decompress},
+          {"zstd", tarn_zstd_compress, tarn_zstd_decompress}}) {
+        auto inflated = [&, unpack = unpack] {
+            len = static_cast<uint32_t>(out.size());
+            return unpack(out.data(), &len, packed.data(), static_cast<uint32_t>(packed.size()));
+        };
+        auto deflate = [&, pack = pack] {
+            len = static_cast<uint32_t>(packed.size());
+            int rc = pack(packed.data(), &len, plain.data(), static_cast<uint32_t>(plain.size()));
+            packed.resize(len);
+            return rc;
+        };
+        auto same = [&] { return wrong_unless(len == plain.size() && !std::memcmp(out.data(), plain.data(), len)); };
+        rows.push_back({.name = std::string("tarn_") + name + "_compress",
+                        .setup = [&] { packed.assign(8192, 0); },
+                        .call = deflate,
+                        .check = [&, inflated, same] { return inflated() != 0 ? kWrong : same(); },
+                        .failure = {ENOMEM}});
+        rows.push_back({.name = std::string("tarn_") + name + "_decompress",
+                        .setup = [&, deflate] { packed.assign(8192, 0); ASSERT_EQ(deflate(), 0); },
+                        .call = inflated,
+                        .check = same,
+                        .failure = {ENOMEM}});
+    }
+    sweep(rows);
+}
+#endif

@@ -9,18 +9,17 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "emu_client.h"
 #include "fake_daemon.h"
-#include "kernel_emulator.h"
-#include "quiet_sink.h"
-#include "route_record.h"
-#include "sweep.h"
+#include "gencfg_support.h"
+#include "kernel_sweep.h"
 #include <tarn/tarn.h>
 #ifdef TARN_ALLOC_SWEEP_COMPRESS
 #include <tarn/compress.h>
@@ -29,64 +28,15 @@
 namespace {
 
 using tarn::test::command;
-using tarn::test::inject;
-using tarn::test::KernelEmulator;
 using tarn::test::alloc::code_of;
 using tarn::test::alloc::errno_of;
-using tarn::test::alloc::kWrong;
+using tarn::test::alloc::KernelSweep;
+using tarn::test::alloc::kPrefix;
 using tarn::test::alloc::QuietSink;
 using tarn::test::alloc::Route;
 using tarn::test::alloc::Row;
 using tarn::test::alloc::sweep;
-
-
-const uint8_t kPrefix[] = {10, 99, 0, 0};  // 10.99.0.0/16, added for the suite
-
-class KernelSweep : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        emu_ = new KernelEmulator();
-        ASSERT_TRUE(emu_->running()) << emu_->error();
-        command(-1, "route-add 0 2 0a63 16 1 0");
-    }
-    static void TearDownTestSuite()
-    {
-        delete emu_;
-        emu_ = nullptr;
-    }
-
-    // The row, with a fresh handle made before its setup and closed after
-    // its cleanup.
-    Row on_handle(Row row)
-    {
-        row.setup = [this, setup = row.setup] {
-            sink_.clear();
-            h_ = rtslib_open_set_liberr(0, &sink_, QuietSink::sink);
-            ASSERT_NE(h_, nullptr);
-            setup();
-        };
-        row.cleanup = [this, cleanup = row.cleanup] {
-            cleanup();
-            rtslib_close(h_);
-            h_ = nullptr;
-        };
-        return row;
-    }
-
-    // A route record of this handle's sequence, waiting on its socket.
-    void inject_route()
-    {
-        Route route(h_->seq);
-        ASSERT_EQ(inject(h_->fd, route.encoded(h_, false)), 0);
-    }
-
-    static KernelEmulator *emu_;
-    rtslib_cookie *h_ = nullptr;
-    QuietSink sink_;
-};
-
-KernelEmulator *KernelSweep::emu_ = nullptr;
+using tarn::test::alloc::wrong_unless;
 
 TEST_F(KernelSweep, HandleRoutesAndReads)
 {
@@ -99,6 +49,7 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
     uint32_t ack = 0;
     const uint8_t added[] = {10, 77, 0, 0};
     Route route;  // an add that asks for no answer
+    alignas(8) static uint8_t arena[16384];
     auto release = [&] {
         rtslib_msg_idl_release(h_, msg);
         msg = nullptr;
@@ -106,9 +57,14 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
     // A sequence mismatch still delivers the message: a success here.
     auto delivered = [](int rc) { return rc == RTSLIB_SEQ_MISMATCH ? 0 : rc; };
     sweep({
+        {.name = "rtslib_open",
+         .call = [&] { return code_of(made = rtslib_open(0)); },
+         .failure = {ENOMEM},
+         .cleanup = [&] { rtslib_close(made); made = nullptr; },
+         .kept = 1},
         {.name = "rtslib_open_set_liberr",
          .call = [&] { return code_of(made = rtslib_open_set_liberr(0, &sink_, QuietSink::sink)); },
-         .check = [&] { return rtslib_get_rtsock_version_info(made) != nullptr ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(rtslib_get_rtsock_version_info(made) != nullptr); },
          .failure = {ENOMEM},
          .cleanup = [&] { rtslib_close(made); made = nullptr; },
          // A failed open frees the record only; its read buffer stays.
@@ -139,13 +95,13 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
                      return rtslib_rtm_get(h_, 0, TARN_AF_INET, kPrefix, 16, 0, 0, 0, 0,
                                            RTS_OP_GET, &rt, &map);
                  },
-             .check = [&] { return rt->plen == 16 && rt->prefix[1] == 99 ? 0 : kWrong; },
+             .check = [&] { return wrong_unless(rt->plen == 16 && rt->prefix[1] == 99); },
              .failure = {ENOMEM},
              .cleanup = [&] { rtslib_msg_idl_release(h_, rt); rt = nullptr; }}),
         on_handle(
             {.name = "rtslib_rtbm_get_by_name",
              .call = [&] { return rtslib_rtbm_get_by_name(h_, TARN_AF_INET, "default", &rtb, &map); },
-             .check = [&] { return rtb->hdr.type == RTS_MSG_RTTABLE ? 0 : kWrong; },
+             .check = [&] { return wrong_unless(rtb->hdr.type == RTS_MSG_RTTABLE); },
              .failure = {ENOMEM},
              .cleanup = [&] { rtslib_msg_idl_release(h_, rtb); rtb = nullptr; }}),
         on_handle({.name = "rtslib_msg_write_idl",
@@ -155,7 +111,7 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
             {.name = "rtslib_long_msg_read",
              .setup = [&] { inject_route(); },
              .call = [&] { return delivered(rtslib_long_msg_read(h_, &msg, &len)); },
-             .check = [&] { return msg != nullptr && len > 12 ? 0 : kWrong; },
+             .check = [&] { return wrong_unless(msg != nullptr && len > 12); },
              .failure = {ENOMEM},
              .cleanup = [&] { rtslib_msg_free(h_, msg); msg = nullptr; }}),
         on_handle(
@@ -165,6 +121,12 @@ TEST_F(KernelSweep, HandleRoutesAndReads)
              .check = [&] { return Route::compare(static_cast<rt_msg_t *>(msg)); },
              .failure = {ENOMEM},
              .cleanup = release}),
+        on_handle(
+            {.name = "rtslib_long_msg_read_idl_pa",
+             .setup = [&] { inject_route(); },
+             .call = [&] { return rtslib_long_msg_read_idl_pa(h_, &msg, &map, arena, sizeof arena); },
+             .check = [&] { return Route::compare(static_cast<rt_msg_t *>(msg)); },
+             .failure = {ENOMEM}}),
         on_handle(
             {.name = "rtslib_long_msg_read_idl",
              .setup = [&] { inject_route(); },
@@ -183,16 +145,17 @@ TEST_F(KernelSweep, Interfaces)
     struct ifaddrs *ifa = nullptr;
     struct if_nameindex *names = nullptr;
     unsigned index = 0;
+    char name[IF_NAMESIZE > 60 ? IF_NAMESIZE : 60] = {};
     auto free_list = [&] {
         rtslib_msg_list_free(h_, list);
         list = nullptr;
     };
-    auto count_list = [&](uint16_t want) { return list->count == want ? 0 : kWrong; };
+    auto count_list = [&](uint16_t want) { return wrong_unless(list->count == want); };
     sweep({
         on_handle(
             {.name = "rtslib_ifdm_get_by_name",
              .call = [&] { return rtslib_ifdm_get_by_name(h_, "em0", RTS_OP_GET, &dev, &len); },
-             .check = [&] { return dev->ifdm_index == 2 ? 0 : kWrong; },
+             .check = [&] { return wrong_unless(dev->ifdm_index == 2); },
              .failure = {ENOMEM},
              .cleanup = [&] { rtslib_msg_idl_release(h_, dev); dev = nullptr; }}),
         on_handle({.name = "rtslib_ifdm_get_all",
@@ -202,7 +165,7 @@ TEST_F(KernelSweep, Interfaces)
                    .cleanup = free_list}),
         on_handle({.name = "rtslib_ifxm_get_all (addresses)",
                    .call = [&] { return rtslib_ifxm_get_all(h_, &list, RTSLIB_IFLIST_ADDRESSES); },
-                   .check = [&] { return list->count > 5 ? 0 : kWrong; },
+                   .check = [&] { return wrong_unless(list->count > 5); },
                    .failure = {ENOMEM},
                    .cleanup = free_list}),
         on_handle({.name = "rtslib_iflm_get_all",
@@ -217,7 +180,7 @@ TEST_F(KernelSweep, Interfaces)
                  int n = 0;
                  for (struct ifaddrs *i = ifa; i != nullptr; i = i->ifa_next)
                      ++n;
-                 return n == 4 ? 0 : kWrong;
+                 return wrong_unless(n == 4);
              },
          // EAGAIN when the emulated sysctl cannot have its reply buffer: a
          // kernel that runs out of memory there answers as for a list that
@@ -231,14 +194,18 @@ TEST_F(KernelSweep, Interfaces)
                  int n = 0;
                  while (names[n].if_index != 0)
                      ++n;
-                 return n == 5 && names[1].if_index == 65 && std::string(names[1].if_name) == "em0" ? 0 : kWrong;
+                 return wrong_unless(n == 5 && names[1].if_index == 65 && std::string(names[1].if_name) == "em0");
              },
          .failure = {ENOMEM},
          .cleanup = [&] { if (names != nullptr) if_freenameindex(names); names = nullptr; }},
-        // Any failure of this lookup is "no such interface".
+        // Any failure of these lookups is "no such interface".
+        {.name = "if_indextoname",
+         .call = [&] { return if_indextoname(67, name) != nullptr ? 0 : errno; },
+         .check = [&] { return wrong_unless(std::string(name) == "ge-0/0/0.0"); },
+         .failure = {ENXIO}},
         {.name = "if_nametoindex",
          .call = [&] { return (index = if_nametoindex("em0")) != 0 ? 0 : errno; },
-         .check = [&] { return index == 65 ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(index == 65); },
          .failure = {ENXIO}},
         {.name = "ifl_getindexbyifname",
          .call = [&] {
@@ -246,7 +213,7 @@ TEST_F(KernelSweep, Interfaces)
              index = static_cast<unsigned>(rc);
              return rc >= 0 ? 0 : errno;
          },
-         .check = [&] { return index == 65 ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(index == 65); },
          .failure = {ENOMEM},
          .kept = 1},  // the read buffer of a handle whose open failed
     });
@@ -267,19 +234,42 @@ TEST_F(KernelSweep, Asynchronous)
     int handled = 0;
     int cookie = 0;
     auto async = [&] { ASSERT_EQ(rtslib_set_async_info_nocontext(h_, &fd), 0); };
+    uint8_t lo0[4] = {127, 0, 0, 1};
+    ifa_msg_t donor_address{};  // lo0.0's address changed
+    donor_address.ifam_af = TARN_AF_INET;
+    donor_address.ifam_index = 64;
+    donor_address.ifam_local = lo0;
+    donor_address.ifam_local_len = sizeof lo0;
+    evContext loop{};
+    const uint8_t opaque[8] = {};
+    void *reply = nullptr;
     sweep({
+        on_handle({.name = "rtslib_set_async_context",
+                   .setup = [&] { ASSERT_EQ(evCreate(&loop), 0); },
+                   .call = [&] { return errno_of(rtslib_set_async_context(h_, loop)); },
+                   .failure = {ENOMEM},
+                   .cleanup = [&] { rtslib_destroy_async_context(h_); evDestroy(loop); }}),
+        // The reply stands ready on the socket: the emulator answers no one.
+        on_handle({.name = "rtslib_async_opaque_handle (with a reply)",
+                   .setup = [&] { inject_route(); },
+                   .call =
+                       [&] {
+                           return rtslib_async_opaque_handle(h_, 1, opaque, sizeof opaque, &reply, 1,
+                                                             RTSLIB_ASYNC_OPAQUE_WANT_REPLY);
+                       },
+                   .check = [&] { return wrong_unless(reply != nullptr); },
+                   .failure = {ENOMEM},
+                   .cleanup = [&] { rtslib_msg_free(h_, reply); reply = nullptr; }}),
         on_handle({.name = "rtslib_set_async_info_nocontext",
                    .call = [&] { return code_of(rtslib_set_async_info_nocontext(h_, &fd)); },
-                   .check = [&] { return fd == h_->fd ? 0 : kWrong; },
+                   .check = [&] { return wrong_unless(fd == h_->fd); },
                    .failure = {ENOMEM}}),
         on_handle({.name = "rtslib_create_async_context",
                    .call = [&] { return errno_of(rtslib_create_async_context(h_)); },
                    .check =
                        [&] {
                            evContext ev{};
-                           return rtslib_get_async_context(h_, &ev) == 0 && ev.opaque != nullptr
-                                      ? 0
-                                      : kWrong;
+                           return wrong_unless(rtslib_get_async_context(h_, &ev) == 0 && ev.opaque != nullptr);
                        },
                    .failure = {ENOMEM}}),
         on_handle({.name = "rtslib_rtm_async_register",
@@ -299,8 +289,23 @@ TEST_F(KernelSweep, Asynchronous)
                            inject_route();
                        },
                    .call = [&] { return code_of(rtslib_async_event_process(h_)); },
-                   .check = [&] { return handled == 1 ? 0 : kWrong; },
+                   .check = [&] { return wrong_unless(handled == 1); },
                    .failure = {ENOMEM}}),
+        on_handle({.name = "rtslib_unnum_ifa_register_callback",
+                   .setup = async,
+                   .call = [&] { return errno_of(rtslib_unnum_ifa_register_callback(h_, donor_changed)); },
+                   .failure = {ENOMEM}}),
+        on_handle({.name = "rtslib_unnum_ifa_save_msg",
+                   .setup =
+                       [&] {
+                           async();
+                           ASSERT_EQ(rtslib_unnum_ifa_register_callback(h_, donor_changed), 0);
+                           ASSERT_EQ(rtslib_unnum_ifa_register_interest(h_, 68, 64, TARN_AF_INET, 1, &cookie), 0);
+                       },
+                   .call = [&] { return rtslib_unnum_ifa_save_msg(h_, &donor_address); },
+                   .failure = {-1},
+                   .cleanup = [&] { rtslib_unnum_ifa_report(h_); },
+                   .kept = 1}),
         on_handle({.name = "rtslib_unnum_ifa_register_interest",
                    .setup =
                        [&] {
@@ -341,10 +346,7 @@ struct Config {
     // 0 when `got` carries this object's blob, inflated.
     int compare(const gencfg_msg_t *got) const
     {
-        return got != nullptr && got->blob_len == blob.size() &&
-                       std::equal(blob.begin(), blob.end(), got->blob)
-                   ? 0
-                   : kWrong;
+        return wrong_unless(got != nullptr && got->blob_len == blob.size() && std::equal(blob.begin(), blob.end(), got->blob));
     }
 };
 
@@ -363,10 +365,26 @@ TEST_F(KernelSweep, ConfigurationObjects)
             rtslib_gencfg_delete(h_, &c.msg);
         };
     };
+    gencfg_msg_t probe{};  // a get copies the answer's fields (pointers into it) here
+    // A request about the plain object, with the kernel holding it or not.
+    auto about_plain = [&](const char *name, bool held, bool answered, std::function<int()> call) {
+        return on_handle({.name = name,
+                          .setup =
+                              [&, held] {
+                                  if (held) {
+                                      ASSERT_EQ(rtslib_gencfg_add(h_, &plain.msg), 0);
+                                  }
+                                  probe = plain.msg;
+                              },
+                          .call = std::move(call),
+                          .check = [&, answered] { return answered ? plain.compare(reply) : 0; },
+                          .failure = {ENOMEM},
+                          .cleanup = drop(plain)});
+    };
     std::vector<Row> rows = {
         {.name = "rtslib_gencfg_create_peerinfo",
          .call = [&] { return rtslib_gencfg_create_peerinfo(&plain.msg, 4); },
-         .check = [&] { return plain.msg.peer_capacity == 4 ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(plain.msg.peer_capacity == 4); },
          .failure = {-1},
          .cleanup = [&] { rtslib_gencfg_delete_peerinfo(&plain.msg); }},
         {.name = "rtslib_gencfg_create_depend",
@@ -383,17 +401,42 @@ TEST_F(KernelSweep, ConfigurationObjects)
                            ASSERT_EQ(rtslib_gencfg_add_peerinfo(&plain.msg, &peer), 0);
                        },
                    .call = [&] { return rtslib_gencfg_add_and_get(h_, &plain.msg, &reply, nullptr); },
-                   .check = [&] { return plain.compare(reply) == 0 && reply->peers_count == 1 ? 0 : kWrong; },
+                   .check = [&] { return wrong_unless(plain.compare(reply) == 0 && reply->peers_count == 1); },
                    .failure = {ENOMEM},
                    .cleanup = [&, release = drop(plain)] {
                        release();
                        rtslib_gencfg_delete_peerinfo(&plain.msg);
                    }}),
+        about_plain("rtslib_gencfg_add", false, false, [&] { return rtslib_gencfg_add(h_, &plain.msg); }),
+        about_plain("rtslib_gencfg_change", true, false, [&] { return rtslib_gencfg_change(h_, &plain.msg); }),
+        about_plain("rtslib_gencfg_change_and_get", true, true,
+                    [&] { return rtslib_gencfg_change_and_get(h_, &plain.msg, &reply, nullptr); }),
+        about_plain("rtslib_gencfg_get", true, true,
+                    [&] { return rtslib_gencfg_get(h_, &probe, RTSLIB_GENCFG_OP_GET, &reply, nullptr); }),
+        about_plain("rtslib_gencfg_delete", true, false, [&] { return rtslib_gencfg_delete(h_, &plain.msg); }),
+        about_plain("rtslib_gencfg_op_export", false, false, [&] {
+            return rtslib_gencfg_op_export(h_, &plain.msg, RTSLIB_GENCFG_OP_ADD, nullptr, nullptr, nullptr,
+                                           nullptr, nullptr, nullptr, nullptr, nullptr);
+        }),
     };
 #ifdef TARN_ALLOC_SWEEP_COMPRESS
-    gencfg_msg_t probe{};  // a get copies the answer's fields (pointers into it) here
     auto zlib = [&] { rtslib_init_blob_compression(h_, tarn_zlib_compress, tarn_zlib_decompress); };
+    // A received record whose blob is still deflated.
+    gencfg_msg_t *received = nullptr;
+    auto receive_packed = [&] {
+        zlib();
+        std::vector<uint8_t> deflated(8192);
+        uint32_t n = static_cast<uint32_t>(deflated.size());
+        ASSERT_EQ(tarn_zlib_compress(deflated.data(), &n, packed.blob.data(), static_cast<uint32_t>(packed.blob.size())), 0);
+        received = tarn::test::received_gencfg(h_, packed.msg.flags, deflated.data(), n);
+    };
     rows.insert(rows.end(), {
+        on_handle({.name = "rtslib_gencfg_async (zlib)",
+                   .setup = receive_packed,
+                   .call = [&] { return rtslib_gencfg_async(h_, &received); },
+                   .check = [&] { return packed.compare(received); },
+                   .failure = {ENOMEM},
+                   .cleanup = [&] { rtslib_msg_idl_release(h_, received); received = nullptr; }}),
         // Only adds and changes compress; what comes back is inflated.
         on_handle({.name = "rtslib_gencfg_add (zlib)",
                    .setup = zlib,
@@ -470,10 +513,10 @@ TEST_F(KernelSweep, DaemonSessions)
         s = nullptr;
         daemon.reset();
     };
-    sweep({
+    std::vector<Row> rows = {
         {.name = "tarn_session_handle_alloc",
          .call = [&] { return code_of(tarn_session_handle_alloc(&s, &funs)); },
-         .check = [&] { return tarn_session_handle_rtsock_descriptor(s) >= 0 ? 0 : kWrong; },
+         .check = [&] { return wrong_unless(tarn_session_handle_rtsock_descriptor(s) >= 0); },
          .failure = {ENOMEM},
          .cleanup = release,
          .kept = 1},  // the read buffer of its routing-socket handle, when that fails to open
@@ -482,19 +525,72 @@ TEST_F(KernelSweep, DaemonSessions)
          .call = [&] { return code_of(tarn_alias_add(s, &alias, 5)); },
          .failure = {ENOMEM},
          .cleanup = release},
-        {.name = "tarn_client_identify (queued)",
-         .setup =
-             [&] {
-                 accept_session();
-                 daemon->shrink_receive_buffer(1);
-                 for (int i = 0; i < 100000 && tarn_session_queue_size(s) == 0; ++i)
-                     ASSERT_EQ(tarn_client_identify(s, "sweep"), 0);
-                 queued = tarn_session_queue_size(s);
-                 ASSERT_GT(queued, 0);
-             },
-         .call = [&] { return code_of(tarn_client_identify(s, "sweep")); },
-         .check = [&] { return tarn_session_queue_size(s) == queued + 1 ? 0 : kWrong; },
+        {.name = "tarn_alias_delete",
+         .setup = [&] { accept_session(); ASSERT_EQ(tarn_alias_add(s, &alias, 5), 0); },
+         .call = [&] { return code_of(tarn_alias_delete(s, &alias, 6)); },
          .failure = {ENOMEM},
          .cleanup = release},
-    });
+    };
+    // Every request goes through the session's writer: with the socket full,
+    // each one needs a block to wait in the queue.
+    auto fill_queue = [&] {
+        accept_session();
+        daemon->shrink_receive_buffer(1);
+        for (int i = 0; i < 100000 && tarn_session_queue_size(s) == 0; ++i)
+            ASSERT_EQ(tarn_client_identify(s, "sweep"), 0);
+        queued = tarn_session_queue_size(s);
+        ASSERT_GT(queued, 0);
+    };
+    tarn_rt_request route{};
+    route.rt_family = TARN_FAMILY_INET;
+    route.rt_prefix_len = 8;
+    route.rt_prefix[0] = 10;
+    const uint8_t gateway[16] = {192, 0, 2, 9};
+    const tarn_lsping_fec fec{0x0a000001, 32, 0};
+    const tarn_bw_record bw{};
+    const tarn_nbr_record nbr{};
+    const tarn_ra_record ra{};
+    const ipc_msg_t hdr{0, 0, TARN_MSG_MASTER_INDICATION, 0, 0};
+    const std::vector<std::pair<const char *, std::function<int()>>> requests = {
+        {"tarn_client_identify", [&] { return tarn_client_identify(s, "sweep"); }},
+        {"tarn_client_msg_write", [&] { return tarn_client_msg_write(s, &hdr, nullptr); }},
+        {"tarn_rt_add", [&] { return tarn_rt_add(s, &route); }},
+        {"tarn_rt_delete", [&] { return tarn_rt_delete(s, &route); }},
+        {"tarn_rt_lookup", [&] { return tarn_rt_lookup(s, &route); }},
+        {"tarn_rt_table_locate", [&] { return tarn_rt_table_locate(s, "inet.0", 1); }},
+        {"tarn_rt_change_gateway", [&] { return tarn_rt_change_gateway(s, 1, 2, 65, TARN_FAMILY_INET, gateway); }},
+        {"tarn_master_indication", [&] { return tarn_master_indication(s); }},
+        {"tarn_rr_restart", [&] { return tarn_rr_restart(s); }},
+        {"tarn_cleanup_data", [&] { return tarn_cleanup_data(s); }},
+        {"tarn_local_as_by_name", [&] { return tarn_local_as_by_name(s, "inet.0", 1); }},
+        {"tarn_bw_update", [&] { return tarn_bw_update(s, &bw, 1); }},
+        {"tarn_nbr_down_update", [&] { return tarn_nbr_down_update(s, &nbr, 1); }},
+        {"tarn_session_protocol_register", [&] { return tarn_session_protocol_register(s, "sweep", nullptr, 1, 2); }},
+        {"tarn_session_protocol_unregister", [&] { return tarn_session_protocol_unregister(s, 1, 2); }},
+        {"tarn_rt_flash_register_request", [&] { return tarn_rt_flash_register_request(s, 1, 2, 3, 4, 5, nullptr); }},
+        {"tarn_ra_add", [&] { return tarn_ra_add(s, &ra, 1); }},
+        {"tarn_ra_delete", [&] { return tarn_ra_delete(s, &ra, 1); }},
+        {"tarn_rsvp_lsp_lookup", [&] { return tarn_rsvp_lsp_lookup(s, "lsp", "path", "em0.0", 0, 1); }},
+        {"tarn_rsvp_p2mp_lsp_lookup", [&] { return tarn_rsvp_p2mp_lsp_lookup(s, "lsp", nullptr, 1); }},
+        {"tarn_ldp_fec_lookup", [&] { return tarn_ldp_fec_lookup(s, &fec, "", 1); }},
+        {"tarn_bgp_fec_lookup", [&] { return tarn_bgp_fec_lookup(s, &fec, "", 1); }},
+        {"tarn_vpn_pfx_lookup", [&] { return tarn_vpn_pfx_lookup(s, TARN_FAMILY_INET, gateway, 32, "vpn", 1); }},
+        {"tarn_endpt_lookup", [&] { return tarn_endpt_lookup(s, TARN_FAMILY_INET, gateway, 32, "", 1); }},
+        {"tarn_lspmon_lookup", [&] { return tarn_lspmon_lookup(s, "lsp", 1); }},
+        {"tarn_static_lsp_lookup", [&] { return tarn_static_lsp_lookup(s, "lsp", 1); }},
+        {"tarn_l2vpn_lookup", [&] { return tarn_l2vpn_lookup(s, "vpn", 1, 2, nullptr, 1); }},
+        {"tarn_l2vpn_fec129_lookup", [&] { return tarn_l2vpn_fec129_lookup(s, "vpn", "sai", "tai", 1); }},
+        {"tarn_l2ckt_lookup", [&] { return tarn_l2ckt_lookup(s, 0x0a000001, 7, nullptr, 1); }},
+        {"tarn_ldp_p2mp_fec_lookup", [&] { return tarn_ldp_p2mp_fec_lookup(s, 0x0a000001, 7, "", 1); }},
+        {"tarn_tdmpw_lookup", [&] { return tarn_tdmpw_lookup(s, 1); }},
+        {"tarn_mdiagd_p2mp_request", [&] { return tarn_mdiagd_p2mp_request(s, 1); }},
+    };
+    for (const auto &[name, send] : requests)
+        rows.push_back({.name = std::string(name) + " (queued)",
+                        .setup = fill_queue,
+                        .call = [&, send] { return code_of(send()); },
+                        .check = [&] { return wrong_unless(tarn_session_queue_size(s) == queued + 1); },
+                        .failure = {ENOMEM},
+                        .cleanup = release});
+    sweep(rows);
 }

@@ -31,6 +31,8 @@ inline int code_of(const void *p) { return p != nullptr ? 0 : errno; }
 inline int code_of(int rc) { return rc == 0 ? 0 : errno; }
 // Calls that return an errno value, or -1 with errno set.
 inline int errno_of(int rc) { return rc == -1 ? errno : rc; }
+// A check's verdict on what a successful call gave.
+inline int wrong_unless(bool right) { return right ? 0 : kWrong; }
 
 // Sweeps every row (GoogleTest assertions on any fault) and adds them to the
 // totals that the program prints when it ends.

@@ -210,6 +210,14 @@ int rtslib_async_opaque_handle(rtslib_cookie *h, uint8_t op, const void *data, u
 
     auto *msg = static_cast<uint8_t *>(rtslib_msg_malloc(h));
     if (msg == nullptr) return ENOMEM;
+    // The reply's buffer is had before the request goes: a reply that could
+    // not be read would wait on the socket, to be taken for a later answer.
+    const bool want_reply = (flags & RTSLIB_ASYNC_OPAQUE_WANT_REPLY) != 0;
+    void *reply = want_reply ? rtslib_msg_malloc(h) : nullptr;
+    if (want_reply && reply == nullptr) {
+        rtslib_msg_free(h, msg);
+        return ENOMEM;
+    }
     uint32_t seq = 0;
     rtslib_seq_get_next(h, &seq);
     msg[RTS_HDR_VERSION_OFF] = RTS_INTERFACE_VERSION;
@@ -225,13 +233,9 @@ int rtslib_async_opaque_handle(rtslib_cookie *h, uint8_t op, const void *data, u
 
     int rc = rtslib_write(h, msg, total);
     rtslib_msg_free(h, msg);
-    if (rc != 0 || (flags & RTSLIB_ASYNC_OPAQUE_WANT_REPLY) == 0) return rc;
-
-    void *reply = rtslib_msg_malloc(h);
-    if (reply == nullptr) return ENOMEM;
     // The reply comes from whoever the kernel hands the message to, later.
-    rc = tarn::os::await_answer(h->fd, tarn::os::AnswerWait::blocking);
-    if (rc == 0) rc = rtslib_msg_read(h, reply, nullptr);
+    if (rc == 0 && want_reply) rc = tarn::os::await_answer(h->fd, tarn::os::AnswerWait::blocking);
+    if (rc == 0 && want_reply) rc = rtslib_msg_read(h, reply, nullptr);
     if (rc != 0) {
         rtslib_msg_free(h, reply);
         return rc;

@@ -35,11 +35,13 @@ namespace {
 
 using BoundedRead = int (*)(rtslib_cookie *, void **, uint32_t *);
 
+// Decoded straight from the handle's read buffer: with no block to allocate
+// before the read, a failure for want of memory cannot leave the message
+// queued, to be taken for the answer to the next request.
 int read_bounded(rtslib_cookie *h, void **msg, uint32_t *len)
 {
-    *msg = rtslib_msg_malloc(h);
-    if (*msg == nullptr) return ENOMEM;
-    return rtslib_msg_read(h, *msg, len);
+    *msg = h->read_buffer;
+    return tarn::read_to_buffer(h, len);
 }
 
 // Reads one message with `read` and decodes it, into the caller's arena when
@@ -57,7 +59,7 @@ int read_and_decode(rtslib_cookie *h, BoundedRead read, void **record_out, void 
         rc = tarn::decode_record(h, msg, len, record_out, map_out, arena_base, arena_size);
         if (rc < 0 && negative_is_einval) rc = EINVAL;
     }
-    rtslib_msg_free(h, msg);
+    if (msg != h->read_buffer) rtslib_msg_free(h, msg);
     return rc;
 }
 

@@ -67,6 +67,24 @@ int read_message(rtslib_cookie *h, uint8_t *buf, uint32_t size, uint32_t *len_ou
     return 0;
 }
 
+int read_to_buffer(rtslib_cookie *h, uint32_t *len_out)
+{
+    uint32_t n = 0;
+    int rc = read_message(h, h->read_buffer, RTS_READ_BUFFER_SIZE, &n);
+    if (rc != 0) return rc;
+    if (n < RTS_HDR_MIN_LEN) {
+        rtslib_err(h, RTSLIB_LOG_FATAL, "msg read too small for header: %d\n", static_cast<int>(n));
+        return EIO;
+    }
+    if (n > RTS_MSG_MAX) {
+        rtslib_err(h, RTSLIB_LOG_FATAL, "msg read too large for rtsock message: %d\n",
+                   static_cast<int>(n));
+        return EIO;
+    }
+    *len_out = n;
+    return check_sequence(h, h->read_buffer);
+}
+
 int check_sequence(rtslib_cookie *h, const uint8_t *msg)
 {
     if (is_envelope(msg)) return 0;
@@ -123,18 +141,8 @@ int rtslib_msg_read(rtslib_cookie *h, void *dest, uint32_t *len_out)
 {
     if (h == nullptr || dest == nullptr) return EINVAL;
     uint32_t n = 0;
-    int rc = tarn::read_message(h, h->read_buffer, RTS_READ_BUFFER_SIZE, &n);
-    if (rc != 0) return rc;
-    if (n < RTS_HDR_MIN_LEN) {
-        rtslib_err(h, RTSLIB_LOG_FATAL, "msg read too small for header: %d\n", static_cast<int>(n));
-        return EIO;
-    }
-    if (n > RTS_MSG_MAX) {
-        rtslib_err(h, RTSLIB_LOG_FATAL, "msg read too large for rtsock message: %d\n",
-                   static_cast<int>(n));
-        return EIO;
-    }
-    rc = tarn::check_sequence(h, h->read_buffer);
+    int rc = tarn::read_to_buffer(h, &n);
+    if (rc != 0 && rc != RTSLIB_SEQ_MISMATCH) return rc;
     if (len_out != nullptr) *len_out = n;
     std::memcpy(dest, h->read_buffer, n);
     return rc;
@@ -169,7 +177,11 @@ int rtslib_long_msg_read(rtslib_cookie *h, void **msg_out, uint32_t *len_out)
     }
 
     auto *buf = static_cast<uint8_t *>(rtslib_size_alloc(h, static_cast<uint32_t>(want)));
-    if (buf == nullptr) return ENOMEM;
+    if (buf == nullptr) {
+        // Left queued, an answer would be taken for the next request's.
+        discard_message(h->fd);
+        return ENOMEM;
+    }
     uint32_t n = 0;
     int rc = tarn::read_message(h, buf, static_cast<uint32_t>(want), &n);
     if (rc == 0 && n < RTS_HDR_MIN_LEN) {

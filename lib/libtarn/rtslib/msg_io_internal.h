@@ -13,6 +13,11 @@ namespace tarn {
 // claims more than arrived, or the read's errno (reported unless EAGAIN).
 int read_message(rtslib_cookie *h, uint8_t *buf, uint32_t size, uint32_t *len_out);
 
+// Reads one message of at most RTS_MSG_MAX bytes into the handle's read
+// buffer, with rtslib_msg_read's length and sequence checks. Nothing is
+// allocated before the message is off the socket.
+int read_to_buffer(rtslib_cookie *h, uint32_t *len_out);
+
 // Compares a message's sequence number with the handle's: 0, or
 // RTSLIB_SEQ_MISMATCH after the hook or a report. With an asynchronous
 // context the handle's counter follows the message.
