@@ -1,6 +1,7 @@
-// Fixed cases of the patricia tree: the bit tables and encodings, the shapes
-// that matter (one node, the node that tests nothing), roots and allocator
-// hooks, and every assertion with its exact report.
+// Fixed cases of the patricia tree: the bit tables and encodings, the longest
+// keys, roots and allocator hooks, and every assertion with its exact report.
+// Lookups, walks and the tree's shape after every change are checked against
+// a model in patricia_model_test.cc.
 #include <bit>
 #include <csignal>
 #include <cstddef>
@@ -92,15 +93,6 @@ public:
         return n;
     }
 
-    std::vector<patricia_node *> in_order()
-    {
-        std::vector<patricia_node *> v;
-        for (patricia_node *n = patricia_find_next(&root_, nullptr); n != nullptr;
-             n = patricia_find_next(&root_, n))
-            v.push_back(n);
-        return v;
-    }
-
 private:
     PatriciaConfig cfg_;
     patricia_root root_{};
@@ -157,43 +149,6 @@ TEST(PatriciaShape, TheInnerNodeTestsTheFirstDifferingBit)
         EXPECT_EQ(t.root()->root, second);
         EXPECT_EQ(second->bit, c.bit) << tarn_test::hex(c.b);
     }
-}
-
-TEST(PatriciaShape, OneNodeTreeLinksToItselfAndDeletingItEmptiesTheTree)
-{
-    Tree t;
-    patricia_node *n = t.add({0x42});
-    EXPECT_EQ(t.root()->root, n);
-    EXPECT_EQ(n->bit, PAT_NOBIT);
-    EXPECT_EQ(n->left, n);
-    EXPECT_EQ(n->right, n);
-    EXPECT_TRUE(patricia_node_in_tree(n));
-    EXPECT_TRUE(patricia_delete(t.root(), n));
-    EXPECT_EQ(t.root()->root, nullptr);
-    EXPECT_FALSE(patricia_node_in_tree(n));
-    EXPECT_EQ(patricia_find_next(t.root(), nullptr), nullptr);
-    EXPECT_EQ(patricia_find_prev(t.root(), nullptr), nullptr);
-}
-
-TEST(PatriciaShape, DeletingTheBitlessNodeHandsTheRoleToItsUplinkParent)
-{
-    Tree t;
-    patricia_node *first = t.add({0x10});  // tests nothing from now on
-    t.add({0x90});
-    t.add({0x50});
-    t.add({0x30});
-    ASSERT_EQ(first->bit, PAT_NOBIT);
-    patricia_node *parent = nullptr;
-    for (patricia_node *n : t.in_order())
-        if (n != first && (n->left == first || n->right == first)) parent = n;
-    ASSERT_NE(parent, nullptr);
-    EXPECT_TRUE(patricia_delete(t.root(), first));
-    EXPECT_EQ(parent->bit, PAT_NOBIT);
-    EXPECT_EQ(parent->left, parent);
-    EXPECT_EQ(parent->right, parent);
-    std::vector<Key> keys;
-    for (patricia_node *n : t.in_order()) keys.push_back({n->key[0]});
-    EXPECT_EQ(keys, (std::vector<Key>{{0x30}, {0x50}, {0x90}}));
 }
 
 TEST(PatriciaAdd, NodeWithoutLengthTakesTheRootKeyLength)
