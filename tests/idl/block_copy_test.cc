@@ -5,6 +5,13 @@
 // through whole and short buffers, and decode to records that encode alike.
 // Records carry marked padding, so that a block that strays over a gap shows
 // on the wire.
+//
+// Faults the generator would put into both codecs alike are caught by what
+// does not come from it: the decoded record must equal the random source
+// field by field, TLV output must pass the independent walker, short buffers
+// are written only up to their length and only with bytes of the whole
+// encoding, a cut IDR image never decodes, and every allocation failure
+// surfaces as such with every block given back.
 #include <algorithm>
 #include <cstring>
 #include <random>
@@ -22,7 +29,7 @@ using idlmeta::Type;
 
 constexpr uint8_t kGuard = 0xA5;
 constexpr uint8_t kPadding = 0x5C;
-constexpr int kRecordsPerType = 2;
+constexpr int kRecordsPerType = 8;
 
 // A failed decode may hold a string block it never filled; marking every
 // block makes such records encode alike on both sides.
@@ -47,14 +54,53 @@ std::vector<uint8_t> encoded(Encode encode, uint32_t len)
 }
 
 // Runs both encoders over every length: same size, same bytes, same bytes
-// left alone.
+// left alone, nothing written past the length, and only bytes of the whole
+// encoding written before it.
 template <class Lib, class Ref>
 void same_output(Lib lib, Ref ref)
 {
     uint32_t need = ref(nullptr, 0);
+    ASSERT_EQ(need % 4, 0u);
+    const std::vector<uint8_t> full = encoded(lib, need);
     for (uint32_t len : lengths(need)) {
         ASSERT_EQ(lib(nullptr, 0), need);
-        ASSERT_EQ(encoded(lib, len), encoded(ref, len)) << "out_len " << len;
+        const std::vector<uint8_t> out = encoded(lib, len);
+        ASSERT_EQ(out, encoded(ref, len)) << "out_len " << len;
+        ASSERT_EQ(std::count(out.begin() + len, out.end(), kGuard), 8) << "out_len " << len;
+        for (uint32_t i = 0; i < len; ++i) {
+            if (out[i] != kGuard) {
+                ASSERT_EQ(out[i], full[i]) << "byte " << i << " out_len " << len;
+            }
+        }
+    }
+}
+
+// Decodes the whole image with the library, with the source's map (if any)
+// and without: the record equals its source. With the first, fails each
+// allocation in turn.
+template <class Decode, class Release>
+void decodes_to_source(const Type &t, const RandomRecord &src, const std::vector<uint8_t> &image,
+                       Decode decode, Release release)
+{
+    const auto size = static_cast<uint32_t>(image.size());
+    Pool pool;
+    void *rec = pool.get(t.size);
+    bool first = true;
+    for (void *map : {src.map ? pool.get(t.map_size) : nullptr, static_cast<void *>(nullptr)}) {
+        CountingAllocator a;
+        ASSERT_EQ(decode(rec, map, image.data(), size, &a), static_cast<int32_t>(size));
+        ASSERT_EQ(compare_records(t, src.rec, src.map, rec, map), "") << "map " << (map != nullptr);
+        release(rec, map, &a);
+        ASSERT_TRUE(a.live.empty());
+        for (uint64_t n = 1; n <= a.calls && first; ++n) {
+            CountingAllocator f;
+            f.fail_at = n;
+            ASSERT_EQ(decode(rec, map, image.data(), size, &f), TARN_IDL_E_ALLOC) << "call " << n;
+            release(rec, map, &f);
+            ASSERT_TRUE(f.live.empty()) << "failing call " << n;
+        }
+        if (src.map == nullptr) break;
+        first = false;
     }
 }
 
@@ -91,7 +137,8 @@ TEST(BlockCopy, IdrMatchesTheFieldByFieldCodecs)
         std::mt19937 rng(static_cast<uint32_t>(i) + 1);
         for (int n = 0; n < kRecordsPerType; ++n) {
             Pool pool(kPadding);
-            void *rec = random_record(t, rng, pool, false).rec;
+            const RandomRecord src = random_record(t, rng, pool, false);
+            void *rec = src.rec;
             same_output([&](void *o, uint32_t l) { return t.idr_encode(rec, o, l); },
                         [&](void *o, uint32_t l) { return ref.idr_encode(rec, o, l); });
             std::vector<uint8_t> image(ref.idr_encode(rec, nullptr, 0));
@@ -111,6 +158,23 @@ TEST(BlockCopy, IdrMatchesTheFieldByFieldCodecs)
                 [&](void *r, void *, CountingAllocator *a) {
                     t.idr_release(r, &CountingAllocator::free, a);
                 });
+            auto decode = [&](void *r, void *, const uint8_t *in, uint32_t l, CountingAllocator *a) {
+                return t.idr_decode(r, in, l, &CountingAllocator::alloc, a);
+            };
+            auto release = [&](void *r, void *, CountingAllocator *a) {
+                t.idr_release(r, &CountingAllocator::free, a);
+            };
+            decodes_to_source(t, src, image, decode, release);
+            // Strict: no shorter image decodes.
+            for (uint32_t cut : lengths(static_cast<uint32_t>(image.size()))) {
+                if (cut == image.size()) continue;
+                CountingAllocator a;
+                void *r = pool.get(t.size);
+                const int32_t rc = decode(r, nullptr, image.data(), cut, &a);
+                ASSERT_TRUE(rc == TARN_IDL_E_GARBLED || rc == TARN_IDL_E_ALLOC) << rc << " at " << cut;
+                release(r, nullptr, &a);
+                ASSERT_TRUE(a.live.empty());
+            }
         }
     }
 }
@@ -147,7 +211,8 @@ TEST(BlockCopy, TlvMatchesTheFieldByFieldCodecs)
         if (!t.tlv_encode) continue;
         SCOPED_TRACE(t.name);
         std::mt19937 rng(static_cast<uint32_t>(i) + 1);
-        for (bool with_map : {false, true}) {
+        for (int n = 0; n < kRecordsPerType; ++n) {
+            const bool with_map = n % 4 != 0;
             Pool pool(kPadding);
             RandomRecord src = random_record(t, rng, pool, with_map);
             same_output([&](void *o, uint32_t l) { return t.tlv_encode(src.rec, src.map, o, l); },
@@ -165,6 +230,16 @@ TEST(BlockCopy, TlvMatchesTheFieldByFieldCodecs)
                 [&](const void *r, const void *m) {
                     return encoded([&](void *o, uint32_t l) { return ref.tlv_encode(r, m, o, l); },
                                    ref.tlv_encode(r, m, nullptr, 0));
+                },
+                [&](void *r, void *m, CountingAllocator *a) {
+                    t.tlv_release(r, m, &CountingAllocator::free, a);
+                });
+            ASSERT_EQ(walk_tlv(t, image.data(), static_cast<uint32_t>(image.size())), "")
+                << hex(image.data(), image.size());
+            decodes_to_source(
+                t, src, image,
+                [&](void *r, void *m, const uint8_t *in, uint32_t l, CountingAllocator *a) {
+                    return t.tlv_decode(r, m, in, l, &CountingAllocator::alloc, a);
                 },
                 [&](void *r, void *m, CountingAllocator *a) {
                     t.tlv_release(r, m, &CountingAllocator::free, a);

@@ -22,7 +22,6 @@ struct CountingAllocator {
     uint64_t calls = 0;
     uint64_t fail_at = 0;
     uint32_t max_block = 1u << 20;
-    uint64_t total_bytes = 0;
 
     static void *alloc(uint32_t size, void *self);
     static void free(void *block, void *self);

@@ -7,7 +7,6 @@
 
 #include "emu_config.h"
 #include "kernel.h"
-#include "libtarn/rtslib/msg_types.h"
 
 namespace {
 
@@ -84,17 +83,6 @@ protected:
     std::unique_ptr<Kernel> kernel_;
     SocketState sock_;
 };
-
-TEST_F(KernelModel, DefaultVersionBlockIsTheLibrarysOwn)
-{
-    make({});
-    const auto &block = kernel_->version_block();
-    ASSERT_EQ(block.size(), 103u);
-    EXPECT_EQ(block[0], RTS_MSG_TYPE_COUNT);
-    EXPECT_EQ(block[1], RTS_INTERFACE_VERSION);
-    for (int t = 1; t < RTS_MSG_TYPE_COUNT; ++t)
-        EXPECT_EQ(block[1 + t], tarn::kExpectedMsgVersion[t]) << t;
-}
 
 TEST_F(KernelModel, VersionBlockFollowsTheConfiguration)
 {
