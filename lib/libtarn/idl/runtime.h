@@ -171,10 +171,10 @@ public:
     // Bytes consumed, or the failure code.
     int32_t result() const { return err_ ? err_ : static_cast<int32_t>(result_); }
 
-    void u8(unsigned bit, uint8_t *dst) { scalar(bit, dst, 1); }
-    void u16(unsigned bit, uint16_t *dst) { scalar(bit, dst, 2); }
-    void u32(unsigned bit, uint32_t *dst) { scalar(bit, dst, 4); }
-    void u64(unsigned bit, uint64_t *dst) { scalar(bit, dst, 8); }
+    TARN_IDL_HOT void u8(unsigned bit, uint8_t *dst) { scalar(bit, dst, 1); }
+    TARN_IDL_HOT void u16(unsigned bit, uint16_t *dst) { scalar(bit, dst, 2); }
+    TARN_IDL_HOT void u32(unsigned bit, uint32_t *dst) { scalar(bit, dst, 4); }
+    TARN_IDL_HOT void u64(unsigned bit, uint64_t *dst) { scalar(bit, dst, 8); }
     void bytes(unsigned bit, uint8_t **ptr, uint32_t *len);
 
     // rel_probe: the nested release, run with a probe to learn whether an
@@ -253,7 +253,7 @@ private:
     }
 
     template <class T>
-    void scalar(unsigned bit, T *dst, uint32_t width)
+    TARN_IDL_HOT void scalar(unsigned bit, T *dst, uint32_t width)
     {
         if (taken(bit)) return;
         if (vlen_ < width) return fail(TARN_IDL_E_GARBLED);
