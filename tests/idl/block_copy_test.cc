@@ -32,7 +32,8 @@ constexpr uint8_t kPadding = 0x5C;
 constexpr int kRecordsPerType = 8;
 
 // A failed decode may hold a string block it never filled; marking every
-// block makes such records encode alike on both sides.
+// block makes such records encode alike on both sides, and shows a record
+// taken from a block and not cleared.
 void *marked_alloc(uint32_t size, void *ctx)
 {
     void *p = CountingAllocator::alloc(size, ctx);
@@ -159,7 +160,7 @@ TEST(BlockCopy, IdrMatchesTheFieldByFieldCodecs)
                     t.idr_release(r, &CountingAllocator::free, a);
                 });
             auto decode = [&](void *r, void *, const uint8_t *in, uint32_t l, CountingAllocator *a) {
-                return t.idr_decode(r, in, l, &CountingAllocator::alloc, a);
+                return t.idr_decode(r, in, l, &marked_alloc, a);
             };
             auto release = [&](void *r, void *, CountingAllocator *a) {
                 t.idr_release(r, &CountingAllocator::free, a);
@@ -239,7 +240,7 @@ TEST(BlockCopy, TlvMatchesTheFieldByFieldCodecs)
             decodes_to_source(
                 t, src, image,
                 [&](void *r, void *m, const uint8_t *in, uint32_t l, CountingAllocator *a) {
-                    return t.tlv_decode(r, m, in, l, &CountingAllocator::alloc, a);
+                    return t.tlv_decode(r, m, in, l, &marked_alloc, a);
                 },
                 [&](void *r, void *m, CountingAllocator *a) {
                     t.tlv_release(r, m, &CountingAllocator::free, a);

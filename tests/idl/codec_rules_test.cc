@@ -245,13 +245,14 @@ TEST(TlvDecode, DuplicateStringFailsWithoutMapFirstWinsWithMap)
 
 TEST(TlvDecode, DuplicateNestedRecord)
 {
-    // Without blocks in the first item the second replaces it; with a string
-    // from the first item a second one is an error.
-    Bytes plain = cat({item(2, item(1, {4})), item(2, item(1, {6}))});
+    // Without blocks in the first item the second replaces it whole; with a
+    // string from the first item a second one is an error.
+    Bytes plain = cat({item(2, cat({item(0, {9}), item(1, {4})})), item(2, item(1, {6}))});
     rts_msg_info_t r;
     EXPECT_EQ(tlv_decode_rts_msg_info_0(&r, nullptr, plain.data(), static_cast<uint32_t>(plain.size()), nullptr, nullptr),
               static_cast<int32_t>(plain.size()));
     EXPECT_EQ(r.arpnh_vrrp.vrrp_state, 6);
+    EXPECT_EQ(r.arpnh_vrrp.vrrp_group, 0);
     Bytes str = cat({item(1, item(0, {1, 2})), item(1, item(0, {3}))});
     CountingAllocator a;
     EXPECT_EQ(tlv_decode_rts_msg_info_0(&r, nullptr, str.data(), static_cast<uint32_t>(str.size()), &CountingAllocator::alloc, &a), -1);

@@ -86,12 +86,22 @@ TEST(IdlGen, EmittedFunctionsAreStraightLineRuntimeCalls)
     std::string src = emit_family(m, "fam");
     EXPECT_THAT(src, HasSubstr("    e.u8(1, 2, r->version);\n"));
     EXPECT_THAT(src, HasSubstr("    e.array(10, 11, r->infos, r->infos_count, m ? m->infos : nullptr, "
-                               "&tlv_encode_info_0);\n"));
+                               "&tlv_put_info);\n"));
     EXPECT_THAT(src, HasSubstr("    if (more && d.tag() == 9) { d.u16(8, &r->hdrlen); more = d.next(); }\n"));
     EXPECT_THAT(src, HasSubstr("        case 9: d.u16(8, &r->hdrlen); break;\n"));
-    EXPECT_THAT(src, HasSubstr("    e.record(0, 1, r->hdr, m ? &m->hdr : nullptr, &tlv_encode_hdr_0);\n"));
+    EXPECT_THAT(src, HasSubstr("    e.record(0, 1, r->hdr, m ? &m->hdr : nullptr, &tlv_put_hdr);\n"));
     EXPECT_THAT(src, HasSubstr("    e.count(idl::live_count(r->infos, r->infos_count));\n    e.end_fixed();\n"
                                "    e.array(r->infos, r->infos_count, &idr_encode_info_0);\n"));
+    EXPECT_THAT(src, HasSubstr("    d.each(&r->infos, r->infos_count, &idr_get_info);\n"));
+    EXPECT_THAT(src, HasSubstr("    d.nest(&r->hdr, &idr_get_hdr);\n"));
+    EXPECT_THAT(emit_bodies_header(m), HasSubstr("void idr_get_hdr(IdrDecoder &, hdr_t *);\n"));
+    // Exported decoders clear the record once; the bodies they call, and
+    // those of nested records, fill it.
+    EXPECT_THAT(src, HasSubstr("    *r = base_t{};\n    if (m) *m = base_map_t{};\n"
+                               "    return tlv_fill_base(r, m, in, in_len, alloc, ctx);\n"));
+    EXPECT_THAT(src, HasSubstr("{\n    idl::TlvDecoder d(in, in_len, m ? &m->bits : nullptr, alloc, ctx);\n"));
+    EXPECT_THAT(src, HasSubstr("    *r = base_t{};\n    idl::IdrDecoder d(in, in_len, alloc, ctx);\n"
+                               "    idr_get_base(d, r);\n"));
     EXPECT_THAT(src, HasSubstr("    d.count(&r->infos_count);\n    d.end_fixed();\n"));
     // Types without pointers release nothing.
     EXPECT_THAT(src, HasSubstr("void tlv_release_info_0(info_t *r, info_map_t *m, tarn_idl_free_fn f, void *c)\n"

@@ -116,11 +116,12 @@ uint64_t whole_pieces(const char *pieces, uint64_t room)
 
 }  // namespace
 
-void IdrEncoder::close_short(const uint8_t *scratch, const char *pieces)
+void idr_close_short(uint8_t *out, uint64_t cap, uint64_t open_at, const uint8_t *scratch,
+                     const char *pieces)
 {
-    if (cap_ <= open_at_) return;
-    uint64_t n = whole_pieces(pieces, cap_ - open_at_);
-    if (n) std::memcpy(out_ + open_at_, scratch, n);
+    if (cap <= open_at) return;
+    uint64_t n = whole_pieces(pieces, cap - open_at);
+    if (n) std::memcpy(out + open_at, scratch, n);
 }
 
 // After an earlier failure the stretch reads as zeros, which is what the

@@ -9,6 +9,10 @@
 //   IDR encode   IdrEncoder e(out, len); e.u8(v) ... e.end_fixed(); e.bytes(...) ...
 //   IDR decode   IdrDecoder d(...); d.u8(&r->f) ... d.end_fixed(); d.bytes(...) ...
 //   release      release_bytes / release_array / the nested release.
+// The library's codecs are internal bodies per type (TLV: a complete encoder
+// and a decoder that fills a cleared record; IDR decode: steps on the
+// caller's IdrDecoder, see nest and each), with the exported functions
+// clearing the record and calling them.
 // Names: tlv_encode_<type>_0 and its siblings, tlv_rtti_sizeof_<type>_0,
 // tlv_rtti_sizeof_map_<type>_0, idr_rtti_sizeof_<type>_0; record <type>_t,
 // presence map <type>_map_t, bit numbers <TYPE>_BIT_<FIELD>.
@@ -27,6 +31,9 @@
 // The per-field helpers are forced inline: generated functions are long runs
 // of them, and a call per field would cost more than the field itself.
 #define TARN_IDL_HOT [[gnu::always_inline]]
+#ifndef TARN_IDL_TLV_BODY
+#define TARN_IDL_TLV_BODY [[gnu::noinline]]
+#endif
 
 namespace tarn::idl {
 
@@ -177,8 +184,9 @@ public:
     TARN_IDL_HOT void u64(unsigned bit, uint64_t *dst) { scalar(bit, dst, 8); }
     void bytes(unsigned bit, uint8_t **ptr, uint32_t *len);
 
-    // rel_probe: the nested release, run with a probe to learn whether an
-    // earlier item left blocks in the field.
+    // dec fills a cleared record and map (a complete decoder does too);
+    // rel: the nested release, run with a probe to learn whether an earlier
+    // item left blocks in the field.
     template <class R, class M>
     void record(unsigned bit, R *dst, M *map, TlvDecodeFn<R, M> dec, TlvReleaseFn<R, M> rel)
     {
@@ -189,6 +197,9 @@ public:
             bool held = false;
             rel(dst, map, &probe_free, &held);
             if (held) return fail(TARN_IDL_E_GARBLED);
+            // The repeat replaces what the earlier item decoded.
+            *dst = R{};
+            if (map) *map = M{};
         }
         if (!take_nested(dst, map, dec)) return;
         mark(bit);
@@ -214,7 +225,9 @@ public:
             if (i > 0 && !next_in_run()) return fail(TARN_IDL_E_GARBLED);
             auto *e = static_cast<R *>(obtain_uncleared(sizeof(R)));
             if (!e) return;
+            *e = R{};
             arr[i] = e;
+            if (marr) marr[i] = M{};
             if (!take_nested(e, marr ? &marr[i] : nullptr, dec)) return;
         }
         mark(bit);
@@ -234,7 +247,7 @@ private:
     uint32_t run_length() const;
     bool next_in_run();
     void *obtain(uint64_t size);  // zeroed; records -2 on failure
-    // For an element record, which its decoder clears before anything else.
+    // For an element record, cleared by its own type's assignment.
     void *obtain_uncleared(uint64_t size);
 
     template <class R, class M>
@@ -353,6 +366,12 @@ uint32_t live_count(R *const *elems, uint32_t count)
     return n;
 }
 
+// The whole pieces of a stretch that did not fit, from the scratch copy.
+// A free function: an encoder whose address never escapes stays in
+// registers instead of being reloaded after every byte stored.
+void idr_close_short(uint8_t *out, uint64_t cap, uint64_t open_at, const uint8_t *scratch,
+                     const char *pieces);
+
 class IdrEncoder {
 public:
     IdrEncoder(void *out, uint32_t out_len)
@@ -388,7 +407,7 @@ public:
 
     TARN_IDL_HOT void close(const uint8_t *p, const uint8_t *scratch, const char *pieces)
     {
-        if (p == scratch) close_short(scratch, pieces);
+        if (p == scratch) idr_close_short(out_, cap_, open_at_, scratch, pieces);
     }
 
     void bytes(const uint8_t *p, uint32_t n)
@@ -411,8 +430,6 @@ public:
     uint32_t size() const { return static_cast<uint32_t>(size_); }
 
 private:
-    void close_short(const uint8_t *scratch, const char *pieces);
-
     TARN_IDL_HOT void align(uint32_t a)
     {
         uint64_t at = size_;
@@ -454,6 +471,36 @@ public:
         int32_t r = dec(dst, in_ + pos_, static_cast<uint32_t>(len_ - pos_), alloc_, alloc_ctx_);
         if (r < 0) return fail(r);
         pos_ += static_cast<uint32_t>(r);
+    }
+
+    // A nested record or array element decoded by its body on this same
+    // decoder: it starts at a multiple of 4, so its own alignments and length
+    // checks come out as they would in a decoder of its own. get fills a
+    // cleared record; after a failure nothing more is read and what is left
+    // of the record stays cleared.
+    template <class R>
+    TARN_IDL_HOT void nest(R *dst, void (*get)(IdrDecoder &, R *))
+    {
+        if (!align(4)) return;
+        get(*this, dst);
+    }
+
+    template <class R>
+    void each(R ***elems, uint32_t count, void (*get)(IdrDecoder &, R *))
+    {
+        if (err_ || count == 0) return;
+        if (uint64_t{count} > (len_ - pos_) / 4) return fail(TARN_IDL_E_GARBLED);
+        auto *arr = static_cast<R **>(obtain(uint64_t{count} * sizeof(R *)));
+        if (!arr) return;
+        *elems = arr;
+        for (uint32_t i = 0; i < count && !err_; ++i) {
+            if (!align(4)) return;
+            auto *e = static_cast<R *>(obtain_uncleared(sizeof(R)));
+            if (!e) return;
+            *e = R{};
+            arr[i] = e;
+            get(*this, e);
+        }
     }
 
     TARN_IDL_HOT void end_fixed() { align(4); }

@@ -121,69 +121,31 @@ void emit_prototypes(std::ostream &o, const std::string &n, bool tlv, bool idr, 
     }
 }
 
-// in_order: the decoder's first pass that expects the items in field order
-// (the reference decodes through the switch alone).
-void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t, bool in_order)
+// How a generated function reaches the codecs of the records it holds.
+// Library codecs are built from internal bodies (tlv_put_X, tlv_fill_X,
+// idr_get_X, hidden in the library): nested records are direct calls instead
+// of calls through the PLT, IDR nested records share their parent's decoder,
+// and a record the parent has cleared is not cleared again. The reference
+// codecs call each type's own complete function instead, as a caller would.
+struct Style {
+    bool bodies;
+    bool in_order;  // TLV decode's first pass expecting items in field order
+    Abi abi;
+};
+
+std::string tlv_encoder_of(const Style &s, const std::string &type)
+{
+    return s.bodies ? "&tlv_put_" + type : "&tlv_encode_" + type + "_0";
+}
+
+std::string tlv_decoder_of(const Style &s, const std::string &type)
+{
+    return s.bodies ? "&tlv_fill_" + type : "&tlv_decode_" + type + "_0";
+}
+
+void emit_tlv_release(std::ostream &o, const Model &model, const Type &t)
 {
     const std::string &n = t.name;
-    o << "uint32_t tlv_encode_" << n << "_0(const " << n << "_t *r, const " << n
-      << "_map_t *m, void *out, uint32_t out_len)\n{\n";
-    o << "    idl::TlvEncoder e(out, out_len, m ? &m->bits : nullptr);\n";
-    for (std::size_t i = 0; i < t.fields.size(); ++i) {
-        const Field &f = t.fields[i];
-        o << "    e.";
-        if (is_scalar(f.kind))
-            o << kind_name(f.kind) << "(" << i << ", " << f.tag << ", r->" << f.name << ");\n";
-        else if (f.kind == Kind::Bytes)
-            o << "bytes(" << i << ", " << f.tag << ", r->" << f.name << ", r->" << count_name(f)
-              << ");\n";
-        else if (f.kind == Kind::Record)
-            o << "record(" << i << ", " << f.tag << ", r->" << f.name << ", " << map_arg(f, false)
-              << ", &tlv_encode_" << f.type << "_0);\n";
-        else
-            o << "array(" << i << ", " << f.tag << ", r->" << f.name << ", r->" << count_name(f)
-              << ", " << map_arg(f, false) << ", &tlv_encode_" << f.type << "_0);\n";
-    }
-    o << "    return e.size();\n}\n\n";
-
-    o << "int32_t tlv_decode_" << n << "_0(" << n << "_t *r, " << n
-      << "_map_t *m, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
-    o << "    *r = " << n << "_t{};\n    if (m) *m = " << n << "_map_t{};\n";
-    o << "    idl::TlvDecoder d(in, in_len, m ? &m->bits : nullptr, alloc, ctx);\n";
-    // Each field's step, the same in both passes below.
-    std::vector<std::string> take(t.fields.size());
-    for (std::size_t i = 0; i < t.fields.size(); ++i) {
-        const Field &f = t.fields[i];
-        std::ostringstream c;
-        c << "d.";
-        if (is_scalar(f.kind))
-            c << kind_name(f.kind) << "(" << i << ", &r->" << f.name << ");";
-        else if (f.kind == Kind::Bytes)
-            c << "bytes(" << i << ", &r->" << f.name << ", &r->" << count_name(f) << ");";
-        else if (f.kind == Kind::Record)
-            c << "record(" << i << ", &r->" << f.name << ", " << map_arg(f, true) << ", &tlv_decode_"
-              << f.type << "_0, &tlv_release_" << f.type << "_0);";
-        else
-            c << "array(" << i << ", &r->" << f.name << ", &r->" << count_name(f) << ", "
-              << map_arg(f, true) << ", &tlv_decode_" << f.type << "_0);";
-        take[i] = c.str();
-    }
-    // Encoders write the items in field order, so a first pass expects them
-    // so: one well-predicted test per field instead of a jump through the
-    // switch per item. Items are still taken strictly in input order; the
-    // first one out of order (a repeat, an unknown tag) hands the rest to the
-    // switch.
-    o << "    bool more = d.next();\n";
-    for (std::size_t i = 0; in_order && i < t.fields.size(); ++i)
-        o << "    if (more && d.tag() == " << t.fields[i].tag << ") { " << take[i]
-          << " more = d.next(); }\n";
-    o << "    while (more) {\n        switch (d.tag()) {\n";
-    for (std::size_t i = 0; i < t.fields.size(); ++i)
-        o << "        case " << t.fields[i].tag << ": " << take[i] << " break;\n";
-    o << "        default: break; /* unknown tags are skipped */\n        }\n"
-         "        more = d.next();\n    }\n";
-    o << "    return d.result();\n}\n\n";
-
     o << "void tlv_release_" << n << "_0(" << n << "_t *r, " << n
       << "_map_t *m, tarn_idl_free_fn f, void *c)\n{\n";
     if (!holds_blocks(model, t)) {
@@ -209,6 +171,86 @@ void emit_tlv_functions(std::ostream &o, const Model &model, const Type &t, bool
     o << "}\n\n";
 }
 
+// The encoder and decoder of a type: with bodies, tlv_put_T and tlv_fill_T
+// (which expects a cleared record and map); else tlv_encode_T_0 and
+// tlv_decode_T_0, complete.
+void emit_tlv_codec(std::ostream &o, const Type &t, const Style &s)
+{
+    const std::string &n = t.name;
+    o << (s.bodies ? "TARN_IDL_TLV_BODY " : "") << "uint32_t " << (s.bodies ? "tlv_put_" + n : "tlv_encode_" + n + "_0") << "(const " << n
+      << "_t *r, const " << n << "_map_t *m, void *out, uint32_t out_len)\n{\n";
+    o << "    idl::TlvEncoder e(out, out_len, m ? &m->bits : nullptr);\n";
+    for (std::size_t i = 0; i < t.fields.size(); ++i) {
+        const Field &f = t.fields[i];
+        o << "    e.";
+        if (is_scalar(f.kind))
+            o << kind_name(f.kind) << "(" << i << ", " << f.tag << ", r->" << f.name << ");\n";
+        else if (f.kind == Kind::Bytes)
+            o << "bytes(" << i << ", " << f.tag << ", r->" << f.name << ", r->" << count_name(f)
+              << ");\n";
+        else if (f.kind == Kind::Record)
+            o << "record(" << i << ", " << f.tag << ", r->" << f.name << ", " << map_arg(f, false)
+              << ", " << tlv_encoder_of(s, f.type) << ");\n";
+        else
+            o << "array(" << i << ", " << f.tag << ", r->" << f.name << ", r->" << count_name(f)
+              << ", " << map_arg(f, false) << ", " << tlv_encoder_of(s, f.type) << ");\n";
+    }
+    o << "    return e.size();\n}\n\n";
+
+    o << (s.bodies ? "TARN_IDL_TLV_BODY " : "") << "int32_t " << (s.bodies ? "tlv_fill_" + n : "tlv_decode_" + n + "_0") << "(" << n
+      << "_t *r, " << n
+      << "_map_t *m, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
+    if (!s.bodies) o << "    *r = " << n << "_t{};\n    if (m) *m = " << n << "_map_t{};\n";
+    o << "    idl::TlvDecoder d(in, in_len, m ? &m->bits : nullptr, alloc, ctx);\n";
+    // Each field's step, the same in both passes below.
+    std::vector<std::string> take(t.fields.size());
+    for (std::size_t i = 0; i < t.fields.size(); ++i) {
+        const Field &f = t.fields[i];
+        std::ostringstream c;
+        c << "d.";
+        if (is_scalar(f.kind))
+            c << kind_name(f.kind) << "(" << i << ", &r->" << f.name << ");";
+        else if (f.kind == Kind::Bytes)
+            c << "bytes(" << i << ", &r->" << f.name << ", &r->" << count_name(f) << ");";
+        else if (f.kind == Kind::Record)
+            c << "record(" << i << ", &r->" << f.name << ", " << map_arg(f, true) << ", "
+              << tlv_decoder_of(s, f.type) << ", &tlv_release_" << f.type << "_0);";
+        else
+            c << "array(" << i << ", &r->" << f.name << ", &r->" << count_name(f) << ", "
+              << map_arg(f, true) << ", " << tlv_decoder_of(s, f.type) << ");";
+        take[i] = c.str();
+    }
+    // Encoders write the items in field order, so a first pass expects them
+    // so: one well-predicted test per field instead of a jump through the
+    // switch per item. Items are still taken strictly in input order; the
+    // first one out of order (a repeat, an unknown tag) hands the rest to the
+    // switch.
+    o << "    bool more = d.next();\n";
+    for (std::size_t i = 0; s.in_order && i < t.fields.size(); ++i)
+        o << "    if (more && d.tag() == " << t.fields[i].tag << ") { " << take[i]
+          << " more = d.next(); }\n";
+    o << "    while (more) {\n        switch (d.tag()) {\n";
+    for (std::size_t i = 0; i < t.fields.size(); ++i)
+        o << "        case " << t.fields[i].tag << ": " << take[i] << " break;\n";
+    o << "        default: break; /* unknown tags are skipped */\n        }\n"
+         "        more = d.next();\n    }\n";
+    o << "    return d.result();\n}\n\n";
+}
+
+// The exported functions over the bodies.
+void emit_tlv_entry_points(std::ostream &o, const Model &model, const Type &t)
+{
+    const std::string &n = t.name;
+    o << "uint32_t tlv_encode_" << n << "_0(const " << n << "_t *r, const " << n
+      << "_map_t *m, void *out, uint32_t out_len)\n{\n    return tlv_put_" << n
+      << "(r, m, out, out_len);\n}\n\n";
+    o << "int32_t tlv_decode_" << n << "_0(" << n << "_t *r, " << n
+      << "_map_t *m, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
+    o << "    *r = " << n << "_t{};\n    if (m) *m = " << n << "_map_t{};\n";
+    o << "    return tlv_fill_" << n << "(r, m, in, in_len, alloc, ctx);\n}\n\n";
+    emit_tlv_release(o, model, t);
+}
+
 // The fixed part of an IDR record as a list of steps, each with the line
 // that converts it on its own. A nested record without variable parts is
 // written in place field by field (aligned to 4 and padded to 4 as its own
@@ -223,8 +265,9 @@ struct FixedStep {
 };
 
 void collect_fixed(const Model &model, const Type &t, const std::string &path, bool encode,
-                   Abi abi, uint32_t base, std::vector<FixedStep> &out)
+                   const Style &style, uint32_t base, std::vector<FixedStep> &out)
 {
+    const Abi abi = style.abi;
     const std::string obj = encode ? "    e." : "    d.";
     const char *addr = encode ? "" : "&";
     MemoryLayout mem = memory_layout(model, t, abi);
@@ -246,11 +289,15 @@ void collect_fixed(const Model &model, const Type &t, const std::string &path, b
                                 : "idl::live_count(" + field + ", " + path + count_name(f) + ")";
             step(FixedStep::Count, obj + "count(" + addr + v + ");\n", v, 4);
         } else if (holds_blocks(model, *model.find(f.type))) {
-            step(FixedStep::Record, obj + "record(" + addr + field + ", &idr_" +
-                                        (encode ? "encode_" : "decode_") + f.type + "_0);\n");
+            // Only decoders have bodies (see emit_idr_encoder).
+            std::string fn = style.bodies ? "&idr_get_" + f.type
+                                          : std::string(encode ? "&idr_encode_" : "&idr_decode_") +
+                                                f.type + "_0";
+            step(FixedStep::Record,
+                 obj + (style.bodies ? "nest(" : "record(") + addr + field + ", " + fn + ");\n");
         } else {
             step(FixedStep::Align, obj + "end_fixed(); /* " + f.name + " */\n");
-            collect_fixed(model, *model.find(f.type), field + ".", encode, abi,
+            collect_fixed(model, *model.find(f.type), field + ".", encode, style,
                           base + mem.offsets[i], out);
             step(FixedStep::Align, obj + "end_fixed();\n");
         }
@@ -364,13 +411,20 @@ void emit_fixed(std::ostream &o, const std::vector<FixedStep> &steps, bool encod
     flush();
 }
 
-void emit_idr_functions(std::ostream &o, const Model &model, const Type &t, Abi abi)
+// IDR encoders stay one complete function per type, each nested record with
+// variable parts encoded by its own: an encoder of its own is a local the
+// compiler keeps in registers, which one shared across bodies (by reference,
+// and so reloaded after every byte stored) is not. Decoders are a body per
+// type, idr_get_T, continuing the parent's decoder on a record the parent
+// has cleared; the store of a decoded field is not a byte store, and what
+// they save (a decoder, a clear and a call per nested record) is larger.
+void emit_idr_encoder(std::ostream &o, const Model &model, const Type &t, Abi abi)
 {
     const std::string &n = t.name;
     o << "uint32_t idr_encode_" << n << "_0(const " << n << "_t *r, void *out, uint32_t out_len)\n{\n";
     o << "    idl::IdrEncoder e(out, out_len);\n";
     std::vector<FixedStep> steps;
-    collect_fixed(model, t, "r->", true, abi, 0, steps);
+    collect_fixed(model, t, "r->", true, Style{false, false, abi}, 0, steps);
     emit_fixed(o, steps, true, abi);
     o << "    e.end_fixed();\n";
     for (const Field &f : t.fields) {
@@ -381,24 +435,38 @@ void emit_idr_functions(std::ostream &o, const Model &model, const Type &t, Abi 
               << f.type << "_0);\n";
     }
     o << "    return e.size();\n}\n\n";
+}
 
-    o << "int32_t idr_decode_" << n << "_0(" << n
-      << "_t *r, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
-    o << "    *r = " << n << "_t{};\n";
-    o << "    idl::IdrDecoder d(in, in_len, alloc, ctx);\n";
-    steps.clear();
-    collect_fixed(model, t, "r->", false, abi, 0, steps);
-    emit_fixed(o, steps, false, abi);
+// With bodies idr_get_T, else idr_decode_T_0, complete.
+void emit_idr_decoder(std::ostream &o, const Model &model, const Type &t, const Style &s)
+{
+    const std::string &n = t.name;
+    if (s.bodies) {
+        o << "void idr_get_" << n << "(idl::IdrDecoder &d, " << n << "_t *r)\n{\n";
+    } else {
+        o << "int32_t idr_decode_" << n << "_0(" << n
+          << "_t *r, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
+        o << "    *r = " << n << "_t{};\n";
+        o << "    idl::IdrDecoder d(in, in_len, alloc, ctx);\n";
+    }
+    std::vector<FixedStep> steps;
+    collect_fixed(model, t, "r->", false, s, 0, steps);
+    emit_fixed(o, steps, false, s.abi);
     o << "    d.end_fixed();\n";
     for (const Field &f : t.fields) {
         if (f.kind == Kind::Bytes)
             o << "    d.bytes(&r->" << f.name << ", r->" << count_name(f) << ");\n";
         else if (f.kind == Kind::Array)
-            o << "    d.array(&r->" << f.name << ", r->" << count_name(f) << ", &idr_decode_"
-              << f.type << "_0);\n";
+            o << "    d." << (s.bodies ? "each" : "array") << "(&r->" << f.name << ", r->"
+              << count_name(f) << ", "
+              << (s.bodies ? "&idr_get_" + f.type : "&idr_decode_" + f.type + "_0") << ");\n";
     }
-    o << "    return d.result();\n}\n\n";
+    o << (s.bodies ? "}\n\n" : "    return d.result();\n}\n\n");
+}
 
+void emit_idr_release(std::ostream &o, const Model &model, const Type &t)
+{
+    const std::string &n = t.name;
     o << "void idr_release_" << n << "_0(" << n << "_t *r, tarn_idl_free_fn f, void *c)\n{\n";
     if (!holds_blocks(model, t)) {
         o << "    (void)r;\n    (void)f;\n    (void)c;\n";
@@ -415,6 +483,30 @@ void emit_idr_functions(std::ostream &o, const Model &model, const Type &t, Abi 
         }
     }
     o << "}\n\n";
+}
+
+void emit_idr_entry_points(std::ostream &o, const Model &model, const Type &t, Abi abi)
+{
+    const std::string &n = t.name;
+    emit_idr_encoder(o, model, t, abi);
+    o << "int32_t idr_decode_" << n << "_0(" << n
+      << "_t *r, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
+    o << "    *r = " << n << "_t{};\n    idl::IdrDecoder d(in, in_len, alloc, ctx);\n    idr_get_"
+      << n << "(d, r);\n    return d.result();\n}\n\n";
+    emit_idr_release(o, model, t);
+}
+
+// Every type's bodies, each defined once in its type's translation unit.
+void emit_bodies(std::ostream &o, const Model &model, const std::set<const Type *> &mine, Abi abi)
+{
+    o << "namespace tarn::idl::body {\n\n";
+    const Style style{true, true, abi};
+    for (const Type &t : model.types) {
+        if (!mine.count(&t)) continue;
+        if (t.tlv) emit_tlv_codec(o, t, style);
+        if (t.idr) emit_idr_decoder(o, model, t, style);
+    }
+    o << "}  // namespace tarn::idl::body\n\n";
 }
 
 void emit_target_checks(std::ostream &o, const Model &model, const Type &t)
@@ -512,10 +604,11 @@ std::string emit_family(const Model &model, const std::string &family, std::size
     o << stamp(units > 1 ? "codecs of family " + family + ", part " + std::to_string(unit + 1) +
                                " of " + std::to_string(units)
                          : "codecs of family " + family);
-    o << "#include <cstddef>\n\n#include <tarn/idl_records.h>\n\n#include \"libtarn/idl/runtime.h\"\n\n";
+    o << "#include <cstddef>\n\n#include <tarn/idl_records.h>\n\n#include \"libtarn/idl/runtime.h\"\n"
+         "#include \"codec_bodies.h\"\n\n";
     o << "static_assert(tarn::idl::kRuntimeVersion == " << kRuntimeVersion
       << ", \"generated for another codec runtime\");\n\n";
-    o << "namespace idl = tarn::idl;\n\n";
+    o << "namespace idl = tarn::idl;\nusing namespace tarn::idl::body;\n\n";
     o << "#if UINTPTR_MAX == 0xffffffffu\n";
     for (const Type &t : model.types)
         if (mine.count(&t)) emit_target_checks(o, model, t);
@@ -527,6 +620,7 @@ std::string emit_family(const Model &model, const std::string &family, std::size
             if (mine.count(&t) && t.idr) emit_abi_checks(o, model, t, abi);
         o << "\n";
     }
+    emit_bodies(o, model, mine, abi);
     o << "extern \"C\" {\n\n";
     for (const Type &t : model.types) {
         if (!mine.count(&t)) continue;
@@ -538,8 +632,8 @@ std::string emit_family(const Model &model, const std::string &family, std::size
         if (t.idr && t.sizes)
             o << "const uint32_t idr_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
         o << "\n";
-        if (t.tlv) emit_tlv_functions(o, model, t, true);
-        if (t.idr) emit_idr_functions(o, model, t, abi);
+        if (t.tlv) emit_tlv_entry_points(o, model, t);
+        if (t.idr) emit_idr_entry_points(o, model, t, abi);
     }
     for (const Choice &c : model.choices) {
         if (c.family != family || unit != 0) continue;
@@ -572,6 +666,27 @@ std::string emit_family(const Model &model, const std::string &family, std::size
     return o.str();
 }
 
+std::string emit_bodies_header(const Model &model)
+{
+    std::ostringstream o;
+    o << stamp("codec bodies");
+    o << "/* The internal codec bodies of every type, which the codecs of the\n"
+         " * records holding them call directly (hidden in the library). */\n";
+    o << "#ifndef TARN_IDL_CODEC_BODIES_H\n#define TARN_IDL_CODEC_BODIES_H\n\n";
+    o << "#include <tarn/idl_records.h>\n\n#include \"libtarn/idl/runtime.h\"\n\n";
+    o << "namespace tarn::idl::body {\n\n";
+    for (const Type &t : model.types) {
+        const std::string &n = t.name;
+        if (t.tlv)
+            o << "uint32_t tlv_put_" << n << "(const " << n << "_t *, const " << n
+              << "_map_t *, void *, uint32_t);\nint32_t tlv_fill_" << n << "(" << n << "_t *, "
+              << n << "_map_t *, const void *, uint32_t, tarn_idl_alloc_fn, void *);\n";
+        if (t.idr) o << "void idr_get_" << n << "(IdrDecoder &, " << n << "_t *);\n";
+    }
+    o << "\n}  // namespace tarn::idl::body\n\n#endif\n";
+    return o.str();
+}
+
 std::string emit_reference(const Model &model)
 {
     std::ostringstream o;
@@ -598,8 +713,16 @@ std::string emit_reference(const Model &model)
     };
     for (const Type &t : model.types) {
         std::ostringstream tlv, idr;
-        if (t.tlv) emit_tlv_functions(tlv, model, t, false);
-        if (t.idr) emit_idr_functions(idr, model, t, Abi::Generic);
+        const Style style{false, false, Abi::Generic};
+        if (t.tlv) {
+            emit_tlv_codec(tlv, t, style);
+            emit_tlv_release(tlv, model, t);
+        }
+        if (t.idr) {
+            emit_idr_encoder(idr, model, t, Abi::Generic);
+            emit_idr_decoder(idr, model, t, style);
+            emit_idr_release(idr, model, t);
+        }
         o << without_release(tlv.str(), "tlv") << without_release(idr.str(), "idr");
     }
     o << "}  // namespace tarn::idl_ref\n\n";

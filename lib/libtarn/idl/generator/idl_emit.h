@@ -25,6 +25,9 @@ std::string emit_family(const Model &model, const std::string &family, std::size
 // idl_reference.h in type order: what the block copies of emit_family are
 // checked against, byte for byte.
 std::string emit_reference(const Model &model);
+// codec_bodies.h, beside the families: the internal bodies of every type
+// (tarn::idl::body), declared for the families that call them.
+std::string emit_bodies_header(const Model &model);
 std::string emit_test_meta(const Model &model);
 // One line per type: name, target record size, target map size.
 std::string emit_size_report(const Model &model);

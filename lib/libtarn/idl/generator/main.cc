@@ -4,7 +4,7 @@
 //   tarn-idlgen --header H --out-dir D [--meta M] [--descriptions T] [--types-per-unit N]
 //               [--abi generic|i386|x86_64] [--reference R] [--sizes] FAMILY.idl...
 //
-// D receives <family>_codec.cc for every description; with --types-per-unit a
+// D receives <family>_codec.cc for every description and codec_bodies.h; with --types-per-unit a
 // family of more than N types is split into <family>_codec.cc,
 // <family>_codec_2.cc, ... of at most N types each (the build computes the
 // same names from the descriptions); T receives the run-time type
@@ -110,6 +110,7 @@ int main(int argc, char **argv)
         if (header.empty()) return 0;
     }
     bool ok = write_if_changed(header, emit_header(model));
+    ok = write_if_changed(out_dir / "codec_bodies.h", emit_bodies_header(model)) && ok;
     for (const std::string &fam : model.families) {
         std::size_t units = family_units(model, fam, types_per_unit);
         for (std::size_t u = 0; u < units; ++u) {
