@@ -26,16 +26,11 @@ bool TlvDecoder::read_item(uint64_t at)
     if (len_ < at + 8) return false;
     uint32_t vlen = static_cast<uint32_t>(load_le(in_ + at + 4, 4));
     if (at + 8 + vlen > len_) return false;
-    pos_ = at;
-    tag_ = static_cast<uint32_t>(load_le(in_ + at, 4));
-    vlen_ = vlen;
-    end_ = at + 8 + vlen;
-    next_ = round4(end_);
-    have_item_ = true;
+    take_item(at, vlen);
     return true;
 }
 
-bool TlvDecoder::next()
+bool TlvDecoder::next_slow()
 {
     if (err_) return false;
     uint64_t at = 0;

@@ -172,8 +172,20 @@ public:
           alloc_(alloc), alloc_ctx_(alloc_ctx) {}
 
     // Moves to the next whole item; false at the end of the input, at the first
-    // item that does not fit, or after a failure.
-    bool next();
+    // item that does not fit, or after a failure. Inline for the common case,
+    // an item whose header and value are there; the rest in next_slow.
+    TARN_IDL_HOT bool next()
+    {
+        const uint64_t at = have_item_ ? next_ : 0;
+        if (err_ == 0 && at + 8 <= len_) {
+            const auto vlen = static_cast<uint32_t>(load_le(in_ + at + 4, 4));
+            if (at + 8 + vlen <= len_) {
+                take_item(at, vlen);
+                return true;
+            }
+        }
+        return next_slow();
+    }
     uint32_t tag() const { return tag_; }
     // Bytes consumed, or the failure code.
     int32_t result() const { return err_ ? err_ : static_cast<int32_t>(result_); }
@@ -244,6 +256,16 @@ private:
     }
     void fail(int32_t code) { err_ = code; }
     bool read_item(uint64_t at);
+    bool next_slow();
+    TARN_IDL_HOT void take_item(uint64_t at, uint32_t vlen)
+    {
+        pos_ = at;
+        tag_ = static_cast<uint32_t>(load_le(in_ + at, 4));
+        vlen_ = vlen;
+        end_ = at + 8 + vlen;
+        next_ = round4(end_);
+        have_item_ = true;
+    }
     uint32_t run_length() const;
     bool next_in_run();
     void *obtain(uint64_t size);  // zeroed; records -2 on failure
