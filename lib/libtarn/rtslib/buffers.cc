@@ -1,5 +1,6 @@
 #include <cstdlib>
 
+#include "libtarn/rtslib/msg_io_internal.h"
 #include <tarn/rtslib.h>
 
 // The handle is required although unused: a null handle makes allocation fail
@@ -21,3 +22,15 @@ extern "C" void rtslib_msg_free(rtslib_cookie *handle, void *block)
     if (handle == nullptr) return;
     std::free(block);
 }
+
+namespace tarn {
+
+// Most of a 16 KiB block is never touched by a small message; clearing all of
+// it costs more than building and encoding the message does.
+void *uncleared_block(rtslib_cookie *handle, uint32_t size)
+{
+    if (handle == nullptr) return nullptr;
+    return std::malloc(size);
+}
+
+}  // namespace tarn
