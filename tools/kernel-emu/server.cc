@@ -125,6 +125,12 @@ Server::Server(const EmuConfig &cfg, const EmuLog &log)
       // Left uninitialised: only what messages fill ever becomes resident.
       batch_bytes_(new uint8_t[kMaxMessage * kBatch]), batch_(kBatch), iov_(kBatch)
 {
+    // Set once: a read writes back only each slot's length and flags.
+    for (size_t k = 0; k < kBatch; ++k) {
+        iov_[k] = {batch_bytes_.get() + k * kMaxMessage, kMaxMessage};
+        batch_[k].msg_hdr.msg_iov = &iov_[k];
+        batch_[k].msg_hdr.msg_iovlen = 1;
+    }
 }
 
 Server::~Server()
@@ -329,12 +335,6 @@ bool Server::read_routing(uint64_t id, int fd)
     // Every slot can hold the largest message, but only the bytes that
     // arrive touch memory.
     for (;;) {
-        for (size_t k = 0; k < kBatch; ++k) {
-            iov_[k] = {batch_bytes_.get() + k * kMaxMessage, kMaxMessage};
-            batch_[k] = {};
-            batch_[k].msg_hdr.msg_iov = &iov_[k];
-            batch_[k].msg_hdr.msg_iovlen = 1;
-        }
         const int got = ::recvmmsg(fd, batch_.data(), kBatch, MSG_TRUNC | MSG_DONTWAIT, nullptr);
         if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
         for (int k = 0; k < got; ++k) {
@@ -405,8 +405,7 @@ int Server::run(int signal_fd)
         // Routing sockets first: a control request may name one that is
         // readable in this same round.
         size_t i = 3 + control_fds_.size();
-        std::vector<Conn> kept;
-        kept.reserve(conns_.size());
+        kept_.clear();
         for (const auto &c : conns_) {
             const short rev = fds[i++].revents;
             if ((rev & ~POLLOUT) != 0 && !read_routing(c.id, c.fd)) {
@@ -415,9 +414,9 @@ int Server::run(int signal_fd)
                 kernel_.close_socket(c.id);
                 continue;
             }
-            kept.push_back(c);
+            kept_.push_back(c);
         }
-        conns_ = std::move(kept);
+        conns_.swap(kept_);
         flush_all();
 
         std::vector<int> ready;

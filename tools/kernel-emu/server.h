@@ -65,6 +65,7 @@ private:
         uint64_t id;  // the kernel's socket
     };
     std::vector<Conn> conns_;
+    std::vector<Conn> kept_;  // the sockets still open after a round; reused
     std::vector<int> control_fds_;
     // Messages one read of a routing socket takes at most.
     static constexpr size_t kBatch = 32;

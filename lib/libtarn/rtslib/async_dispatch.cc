@@ -128,7 +128,7 @@ int process_one(Pass &p)
     // (EOPNOTSUPP), but only after sizing an arena from bytes that are no
     // envelope length.
     if (!tarn::wire::is_envelope(p.raw)) return dispatch_raw(p);
-    rc = rtslib_msg_idl_decode(h, p.raw, p.raw_len, &p.record, nullptr);
+    rc = tarn::decode_to_new_block(h, p.raw, p.raw_len, &p.record, nullptr);
     if (rc != 0) {
         rtslib_err(h, RTSLIB_LOG_ERROR, "Failed to decode the msg: error (%d)\n", rc);
         return rc;

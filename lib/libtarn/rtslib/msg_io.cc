@@ -176,7 +176,8 @@ int rtslib_long_msg_read(rtslib_cookie *h, void **msg_out, uint32_t *len_out)
         return EIO;
     }
 
-    auto *buf = static_cast<uint8_t *>(rtslib_size_alloc(h, static_cast<uint32_t>(want)));
+    // Cleared below only where the read leaves it unwritten.
+    auto *buf = static_cast<uint8_t *>(tarn::uncleared_block(h, static_cast<uint32_t>(want)));
     if (buf == nullptr) {
         // Left queued, an answer would be taken for the next request's.
         discard_message(h->fd);
@@ -192,6 +193,7 @@ int rtslib_long_msg_read(rtslib_cookie *h, void **msg_out, uint32_t *len_out)
         rtslib_msg_free(h, buf);
         return rc;
     }
+    std::memset(buf + n, 0, want - n);
     rc = tarn::check_sequence(h, buf);
     *msg_out = buf;
     if (len_out != nullptr) *len_out = n;

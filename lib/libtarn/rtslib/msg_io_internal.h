@@ -33,6 +33,18 @@ int decode_record(rtslib_cookie *h, const void *buf, uint32_t len, void **record
 // Reports an envelope of `type` that decoded to no record, and gives EIO.
 int missing_record(rtslib_cookie *h, uint32_t type);
 
+// A block from the allocator rtslib_msg_free returns to, with undefined
+// contents: for blocks whose every byte the library writes before anyone
+// reads it. Null when the handle is null or memory runs out.
+void *uncleared_block(rtslib_cookie *handle, uint32_t size);
+
+// rtslib_msg_idl_decode, with the same results, reports and block (released
+// by rtslib_msg_idl_release), except that the arena is not cleared first:
+// the decoders clear every record and map they place in it, and the rest of
+// the block is nobody's to read.
+int decode_to_new_block(rtslib_cookie *h, const void *buf, uint32_t len, void **record_out,
+                        void **map_out);
+
 }  // namespace tarn
 
 #endif  // LIBTARN_RTSLIB_MSG_IO_INTERNAL_H

@@ -13,6 +13,9 @@ uint8_t *RequestBuffer::take(uint32_t len, uint32_t align)
 {
     const uint32_t start = (used_ + align - 1) & ~(align - 1);
     if (buf_ == nullptr || start > RTS_MSG_MAX || len > RTS_MSG_MAX - start) return nullptr;
+    // The padding before the part too, so that no stale byte sits between
+    // the parts.
+    std::memset(buf_ + used_, 0, start + len - used_);
     used_ = start + len;
     return buf_ + start;
 }

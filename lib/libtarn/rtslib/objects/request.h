@@ -1,5 +1,5 @@
 // The one road every request to the kernel takes: argument checks, a
-// zero-filled message buffer holding the record (variable parts after its
+// message buffer holding the record (variable parts after its
 // fixed part), the sequence number, the write, the wait for the answer and
 // its read. A family added later builds its record and calls send_idl or
 // send_raw; it cannot forget the host's wait or the sequence number.
@@ -8,9 +8,12 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 
 #include <tarn/idl.h>
 #include <tarn/rtslib.h>
+
+#include "libtarn/rtslib/msg_io_internal.h"
 
 namespace tarn {
 
@@ -45,21 +48,27 @@ inline int check_request(rtslib_cookie *h, bool args_ok)
     return h == nullptr || !args_ok ? EINVAL : 0;
 }
 
-// A message buffer filling up from its start: the record first, then
-// variable parts, each placed at the next suitably aligned offset.
+// A message buffer (RTS_MSG_MAX bytes) filling up from its start: the record
+// first, then variable parts, each placed at the next suitably aligned
+// offset. Only what is handed out is cleared; the rest is never read.
 class RequestBuffer {
 public:
-    explicit RequestBuffer(rtslib_cookie *h) : h_(h), buf_(static_cast<uint8_t *>(rtslib_msg_malloc(h))) {}
+    explicit RequestBuffer(rtslib_cookie *h)
+        : h_(h), buf_(static_cast<uint8_t *>(uncleared_block(h, RTS_MSG_MAX)))
+    {
+    }
     ~RequestBuffer() { rtslib_msg_free(h_, buf_); }
     RequestBuffer(const RequestBuffer &) = delete;
     RequestBuffer &operator=(const RequestBuffer &) = delete;
 
     bool ok() const { return buf_ != nullptr; }
 
-    // The record at the start of the buffer; `used` moves past it.
+    // The record, zeroed, at the start of the buffer; `used` moves past it.
     template <typename Record> Record *record()
     {
+        static_assert(sizeof(Record) <= RTS_MSG_MAX);
         used_ = sizeof(Record);
+        std::memset(buf_, 0, sizeof(Record));
         return reinterpret_cast<Record *>(buf_);
     }
 
