@@ -134,10 +134,21 @@ private:
         if (size_ > at && size_ <= cap_) std::memset(out_ + at, 0, size_ - at);
     }
 
+    // Items start at multiples of 4, so a scalar item with its padding is 12
+    // or 16 bytes; where that fits, the value is stored zero-extended over
+    // its padding. Only the item that does not fit with its padding takes
+    // the general steps.
     TARN_IDL_HOT void scalar(unsigned bit, uint32_t tag, uint64_t v, uint32_t width)
     {
         if (!present(bit)) return;
-        uint64_t at = size_;
+        const uint64_t at = size_;
+        const uint32_t padded = width < 4 ? 4 : width;
+        if (at + 8 + padded <= cap_) {
+            header(at, tag, width);
+            store_le(out_ + at + 8, v, padded);
+            size_ = at + 8 + padded;
+            return;
+        }
         size_ += 8 + width;
         if (size_ <= cap_) {
             header(at, tag, width);
