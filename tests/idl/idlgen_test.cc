@@ -91,10 +91,10 @@ TEST(IdlGen, EmittedFunctionsAreStraightLineRuntimeCalls)
     EXPECT_THAT(src, HasSubstr("        case 9: d.u16(8, &r->hdrlen); break;\n"));
     EXPECT_THAT(src, HasSubstr("    e.record(0, 1, r->hdr, m ? &m->hdr : nullptr, &tlv_put_hdr);\n"));
     EXPECT_THAT(src, HasSubstr("    e.count(idl::live_count(r->infos, r->infos_count));\n    e.end_fixed();\n"
-                               "    e.array(r->infos, r->infos_count, &idr_encode_info_0);\n"));
+                               "    e.array(r->infos, r->infos_count, &idr_put_info);\n"));
     EXPECT_THAT(src, HasSubstr("    d.each(&r->infos, r->infos_count, &idr_get_info);\n"));
     EXPECT_THAT(src, HasSubstr("    d.nest(&r->hdr, &idr_get_hdr);\n"));
-    EXPECT_THAT(emit_bodies_header(m), HasSubstr("void idr_get_hdr(IdrDecoder &, hdr_t *);\n"));
+    EXPECT_THAT(emit_bodies_header(m), HasSubstr("uint32_t idr_put_hdr(const hdr_t *, void *, uint32_t);\n"));
     // Exported decoders clear the record once; the bodies they call, and
     // those of nested records, fill it.
     EXPECT_THAT(src, HasSubstr("    *r = base_t{};\n    if (m) *m = base_map_t{};\n"

@@ -289,12 +289,11 @@ void collect_fixed(const Model &model, const Type &t, const std::string &path, b
                                 : "idl::live_count(" + field + ", " + path + count_name(f) + ")";
             step(FixedStep::Count, obj + "count(" + addr + v + ");\n", v, 4);
         } else if (holds_blocks(model, *model.find(f.type))) {
-            // Only decoders have bodies (see emit_idr_encoder).
-            std::string fn = style.bodies ? "&idr_get_" + f.type
+            std::string fn = style.bodies ? (encode ? "&idr_put_" : "&idr_get_") + f.type
                                           : std::string(encode ? "&idr_encode_" : "&idr_decode_") +
                                                 f.type + "_0";
-            step(FixedStep::Record,
-                 obj + (style.bodies ? "nest(" : "record(") + addr + field + ", " + fn + ");\n");
+            step(FixedStep::Record, obj + (style.bodies && !encode ? "nest(" : "record(") + addr +
+                                        field + ", " + fn + ");\n");
         } else {
             step(FixedStep::Align, obj + "end_fixed(); /* " + f.name + " */\n");
             collect_fixed(model, *model.find(f.type), field + ".", encode, style,
@@ -411,28 +410,30 @@ void emit_fixed(std::ostream &o, const std::vector<FixedStep> &steps, bool encod
     flush();
 }
 
-// IDR encoders stay one complete function per type, each nested record with
-// variable parts encoded by its own: an encoder of its own is a local the
-// compiler keeps in registers, which one shared across bodies (by reference,
-// and so reloaded after every byte stored) is not. Decoders are a body per
-// type, idr_get_T, continuing the parent's decoder on a record the parent
-// has cleared; the store of a decoded field is not a byte store, and what
-// they save (a decoder, a clear and a call per nested record) is larger.
-void emit_idr_encoder(std::ostream &o, const Model &model, const Type &t, Abi abi)
+// IDR encoders (idr_put_T with bodies, else idr_encode_T_0) are complete
+// functions, each nested record with variable parts encoded by its own: an
+// encoder of its own is a local the compiler keeps in registers, which one
+// shared across bodies (by reference, and so reloaded after every byte
+// stored) is not. Decoders are a body per type, idr_get_T, continuing the
+// parent's decoder on a record the parent has cleared; the store of a decoded
+// field is not a byte store, and what they save (a decoder, a clear and a
+// call per nested record) is larger.
+void emit_idr_encoder(std::ostream &o, const Model &model, const Type &t, const Style &s)
 {
     const std::string &n = t.name;
-    o << "uint32_t idr_encode_" << n << "_0(const " << n << "_t *r, void *out, uint32_t out_len)\n{\n";
+    o << "uint32_t " << (s.bodies ? "idr_put_" + n : "idr_encode_" + n + "_0") << "(const " << n
+      << "_t *r, void *out, uint32_t out_len)\n{\n";
     o << "    idl::IdrEncoder e(out, out_len);\n";
     std::vector<FixedStep> steps;
-    collect_fixed(model, t, "r->", true, Style{false, false, abi}, 0, steps);
-    emit_fixed(o, steps, true, abi);
+    collect_fixed(model, t, "r->", true, s, 0, steps);
+    emit_fixed(o, steps, true, s.abi);
     o << "    e.end_fixed();\n";
     for (const Field &f : t.fields) {
         if (f.kind == Kind::Bytes)
             o << "    e.bytes(r->" << f.name << ", r->" << count_name(f) << ");\n";
         else if (f.kind == Kind::Array)
-            o << "    e.array(r->" << f.name << ", r->" << count_name(f) << ", &idr_encode_"
-              << f.type << "_0);\n";
+            o << "    e.array(r->" << f.name << ", r->" << count_name(f) << ", "
+              << (s.bodies ? "&idr_put_" + f.type : "&idr_encode_" + f.type + "_0") << ");\n";
     }
     o << "    return e.size();\n}\n\n";
 }
@@ -485,10 +486,11 @@ void emit_idr_release(std::ostream &o, const Model &model, const Type &t)
     o << "}\n\n";
 }
 
-void emit_idr_entry_points(std::ostream &o, const Model &model, const Type &t, Abi abi)
+void emit_idr_entry_points(std::ostream &o, const Model &model, const Type &t)
 {
     const std::string &n = t.name;
-    emit_idr_encoder(o, model, t, abi);
+    o << "uint32_t idr_encode_" << n << "_0(const " << n << "_t *r, void *out, uint32_t out_len)\n{\n"
+      << "    return idr_put_" << n << "(r, out, out_len);\n}\n\n";
     o << "int32_t idr_decode_" << n << "_0(" << n
       << "_t *r, const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *ctx)\n{\n";
     o << "    *r = " << n << "_t{};\n    idl::IdrDecoder d(in, in_len, alloc, ctx);\n    idr_get_"
@@ -496,15 +498,43 @@ void emit_idr_entry_points(std::ostream &o, const Model &model, const Type &t, A
     emit_idr_release(o, model, t);
 }
 
-// Every type's bodies, each defined once in its type's translation unit.
+// The IDR decoders a translation unit calls: its own types' and those of
+// every record they reach (array elements, nested records with variable
+// parts; the others are decoded in place).
+void need_idr(const Model &model, const Type &t, std::set<const Type *> &out)
+{
+    if (!out.insert(&t).second) return;
+    for (const Field &f : t.fields)
+        if (f.kind == Kind::Array ||
+            (f.kind == Kind::Record && holds_blocks(model, *model.find(f.type))))
+            need_idr(model, *model.find(f.type), out);
+}
+
+// The encoders and TLV decoders are defined once, in their type's unit, and
+// called across units. Each unit has its own copy of the IDR decoders it
+// needs: the compiler then inlines a whole message's decode into one
+// function with one decoder, which halves the time of a message with nested
+// records (calls on a decoder shared by reference reload it after every
+// store).
 void emit_bodies(std::ostream &o, const Model &model, const std::set<const Type *> &mine, Abi abi)
 {
-    o << "namespace tarn::idl::body {\n\n";
+    std::set<const Type *> idr;
+    for (const Type *t : mine)
+        if (t->idr) need_idr(model, *t, idr);
+    o << "namespace {\n\n";
+    // Declared first: an array may hold records of its own type.
+    for (const Type &t : model.types)
+        if (idr.count(&t))
+            o << "void idr_get_" << t.name << "(idl::IdrDecoder &, " << t.name << "_t *);\n";
+    o << "\n";
     const Style style{true, true, abi};
+    for (const Type &t : model.types)
+        if (idr.count(&t)) emit_idr_decoder(o, model, t, style);
+    o << "}  // namespace\n\nnamespace tarn::idl::body {\n\n";
     for (const Type &t : model.types) {
         if (!mine.count(&t)) continue;
         if (t.tlv) emit_tlv_codec(o, t, style);
-        if (t.idr) emit_idr_decoder(o, model, t, style);
+        if (t.idr) emit_idr_encoder(o, model, t, style);
     }
     o << "}  // namespace tarn::idl::body\n\n";
 }
@@ -633,7 +663,7 @@ std::string emit_family(const Model &model, const std::string &family, std::size
             o << "const uint32_t idr_rtti_sizeof_" << t.name << "_0 = sizeof(" << t.name << "_t);\n";
         o << "\n";
         if (t.tlv) emit_tlv_entry_points(o, model, t);
-        if (t.idr) emit_idr_entry_points(o, model, t, abi);
+        if (t.idr) emit_idr_entry_points(o, model, t);
     }
     for (const Choice &c : model.choices) {
         if (c.family != family || unit != 0) continue;
@@ -681,7 +711,7 @@ std::string emit_bodies_header(const Model &model)
             o << "uint32_t tlv_put_" << n << "(const " << n << "_t *, const " << n
               << "_map_t *, void *, uint32_t);\nint32_t tlv_fill_" << n << "(" << n << "_t *, "
               << n << "_map_t *, const void *, uint32_t, tarn_idl_alloc_fn, void *);\n";
-        if (t.idr) o << "void idr_get_" << n << "(IdrDecoder &, " << n << "_t *);\n";
+        if (t.idr) o << "uint32_t idr_put_" << n << "(const " << n << "_t *, void *, uint32_t);\n";
     }
     o << "\n}  // namespace tarn::idl::body\n\n#endif\n";
     return o.str();
@@ -719,7 +749,7 @@ std::string emit_reference(const Model &model)
             emit_tlv_release(tlv, model, t);
         }
         if (t.idr) {
-            emit_idr_encoder(idr, model, t, Abi::Generic);
+            emit_idr_encoder(idr, model, t, style);
             emit_idr_decoder(idr, model, t, style);
             emit_idr_release(idr, model, t);
         }
