@@ -518,6 +518,9 @@ public:
         get(*this, dst);
     }
 
+    // Kept apart from array() below, which it resembles: with a shared
+    // helper taking the step as a lambda, the body was no longer inlined
+    // into the loop (Cos decode 31 -> 40 ns).
     template <class R>
     void each(R ***elems, uint32_t count, void (*get)(IdrDecoder &, R *))
     {
