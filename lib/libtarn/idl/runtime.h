@@ -31,6 +31,8 @@
 // The per-field helpers are forced inline: generated functions are long runs
 // of them, and a call per field would cost more than the field itself.
 #define TARN_IDL_HOT [[gnu::always_inline]]
+// The TLV bodies of nested records stay calls: each has a decoder or encoder
+// of its own, and inlined into their parents they made the encoders slower.
 #ifndef TARN_IDL_TLV_BODY
 #define TARN_IDL_TLV_BODY [[gnu::noinline]]
 #endif
