@@ -84,12 +84,17 @@ TEST(IdlGen, EmittedFunctionsAreStraightLineRuntimeCalls)
 {
     Model m = parse_ok(kHeaderLike);
     std::string src = emit_family(m, "fam");
-    EXPECT_THAT(src, HasSubstr("    e.u8(1, 2, r->version);\n"));
-    EXPECT_THAT(src, HasSubstr("    e.array(10, 11, r->infos, r->infos_count, m ? m->infos : nullptr, "
-                               "&tlv_put_info);\n"));
-    EXPECT_THAT(src, HasSubstr("    if (more && d.tag() == 9) { d.u16(8, &r->hdrlen); more = d.next(); }\n"));
-    EXPECT_THAT(src, HasSubstr("        case 9: d.u16(8, &r->hdrlen); break;\n"));
-    EXPECT_THAT(src, HasSubstr("    e.record(0, 1, r->hdr, m ? &m->hdr : nullptr, &tlv_put_hdr);\n"));
+    // TLV encoders test the map's bits a group of eight fields at a time.
+    EXPECT_THAT(src, HasSubstr("    const uint32_t b = m ? m->bits : ~0u;\n    if (b & 0xffu) {\n"));
+    EXPECT_THAT(src, HasSubstr("        if (b & (1u << 1)) e.u8(1, 2, r->version);\n"));
+    EXPECT_THAT(src, HasSubstr("    }\n    if (b & 0x700u) {\n"));
+    EXPECT_THAT(src, HasSubstr("        if (b & (1u << 10)) e.array(10, 11, r->infos, r->infos_count, "
+                               "m ? m->infos : nullptr, &tlv_put_info);\n"));
+    EXPECT_THAT(src, HasSubstr("    if (b & (1u << 0)) e.record(0, 1, r->hdr, m ? &m->hdr : nullptr, &tlv_put_hdr);\n"));
+    // TLV decoders go from a field straight to the next field's case.
+    EXPECT_THAT(src, HasSubstr("        case 9:\n        f8:\n            d.u16(8, &r->hdrlen);\n"
+                               "            more = d.next();\n"
+                               "            if (more && d.tag() == 10) goto f9;\n            continue;\n"));
     EXPECT_THAT(src, HasSubstr("    e.count(idl::live_count(r->infos, r->infos_count));\n    e.end_fixed();\n"
                                "    e.array(r->infos, r->infos_count, &idr_put_info);\n"));
     EXPECT_THAT(src, HasSubstr("    d.each(&r->infos, r->infos_count, &idr_get_info);\n"));

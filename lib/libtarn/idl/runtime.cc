@@ -1,10 +1,7 @@
 #include "libtarn/idl/runtime.h"
 
 namespace tarn::idl {
-namespace {
 
-// A block from the caller's allocator, or nullptr when there is no
-// allocator, the size does not fit its 32-bit argument, or it fails.
 void *take_block(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
 {
     if (!alloc || size > UINT32_MAX) return nullptr;
@@ -18,84 +15,14 @@ void *obtain_zeroed(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
     return p;
 }
 
-}  // namespace
-
-// An item is whole when its header and value lie inside the input.
-bool TlvDecoder::read_item(uint64_t at)
-{
-    if (len_ < at + 8) return false;
-    uint32_t vlen = static_cast<uint32_t>(load_le(in_ + at + 4, 4));
-    if (at + 8 + vlen > len_) return false;
-    take_item(at, vlen);
-    return true;
-}
-
-bool TlvDecoder::next_slow()
-{
-    if (err_) return false;
-    uint64_t at = 0;
-    if (have_item_) {
-        // The last item's padding may be missing: what was read is consumed.
-        if (next_ > len_) {
-            result_ = end_;
-            return false;
-        }
-        at = next_;
-    }
-    if (!read_item(at)) {
-        result_ = at;
-        return false;
-    }
-    return true;
-}
-
-// The current item and every directly following item of the same tag whose
-// header lies in the input.
-uint32_t TlvDecoder::run_length() const
+uint32_t tlv_run_length(const uint8_t *in, uint64_t len, uint64_t at, uint32_t tag)
 {
     uint32_t n = 1;
-    uint64_t at = next_;
-    while (at + 8 <= len_ && load_le(in_ + at, 4) == tag_) {
+    while (at + 8 <= len && load_le(in + at, 4) == tag) {
         ++n;
-        at = round4(at + 8 + load_le(in_ + at + 4, 4));
+        at = round4(at + 8 + load_le(in + at + 4, 4));
     }
     return n;
-}
-
-bool TlvDecoder::next_in_run()
-{
-    uint32_t tag = tag_;
-    return next_ <= len_ && read_item(next_) && tag_ == tag;
-}
-
-void *TlvDecoder::obtain(uint64_t size)
-{
-    void *p = obtain_zeroed(alloc_, alloc_ctx_, size);
-    if (!p) fail(TARN_IDL_E_ALLOC);
-    return p;
-}
-
-void *TlvDecoder::obtain_uncleared(uint64_t size)
-{
-    void *p = take_block(alloc_, alloc_ctx_, size);
-    if (!p) fail(TARN_IDL_E_ALLOC);
-    return p;
-}
-
-// A repeated string without a map is an error (scalars take the last value).
-void TlvDecoder::bytes(unsigned bit, uint8_t **ptr, uint32_t *len)
-{
-    if (taken(bit)) return;
-    if (*ptr) return fail(TARN_IDL_E_GARBLED);
-    *len = vlen_;
-    if (vlen_) {
-        if (!alloc_) return fail(TARN_IDL_E_ALLOC);
-        void *p = alloc_(vlen_, alloc_ctx_);
-        if (!p) return fail(TARN_IDL_E_ALLOC);
-        std::memcpy(p, in_ + pos_ + 8, vlen_);
-        *ptr = static_cast<uint8_t *>(p);
-    }
-    mark(bit);
 }
 
 namespace {

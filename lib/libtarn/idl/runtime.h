@@ -177,6 +177,19 @@ private:
     const uint32_t *bits_;
 };
 
+// Blocks from the caller's allocator: nullptr when there is no allocator,
+// the size does not fit its 32-bit argument, or it fails.
+void *take_block(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size);
+void *obtain_zeroed(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size);
+
+// The number of items from `at` on that bear `tag` and whose header lies in
+// the input, plus one for the current item.
+uint32_t tlv_run_length(const uint8_t *in, uint64_t len, uint64_t at, uint32_t tag);
+
+// Every step is inline and nothing takes the decoder's address, so the
+// compiler keeps its state in registers. A decoder whose address escaped to
+// an out-of-line call would live in memory and be reloaded after every byte
+// a field stores, since a byte store may alias anything.
 class TlvDecoder {
 public:
     TlvDecoder(const void *in, uint32_t in_len, uint32_t *bits, tarn_idl_alloc_fn alloc,
@@ -185,35 +198,45 @@ public:
           alloc_(alloc), alloc_ctx_(alloc_ctx) {}
 
     // Moves to the next whole item; false at the end of the input, at the first
-    // item that does not fit, or after a failure. Inline for the common case,
-    // an item whose header and value are there; the rest in next_slow.
+    // item that does not fit, or after a failure.
     TARN_IDL_HOT bool next()
     {
         const uint64_t at = have_item_ ? next_ : 0;
-        if (err_ == 0 && at + 8 <= len_) {
-            const auto vlen = static_cast<uint32_t>(load_le(in_ + at + 4, 4));
-            if (at + 8 + vlen <= len_) {
-                take_item(at, vlen);
-                return true;
-            }
-        }
-        return next_slow();
+        if (err_ == 0 && read_item(at)) return true;
+        // What was read is consumed; the last item's padding may be missing.
+        if (err_ == 0) result_ = have_item_ && next_ > len_ ? end_ : at;
+        return false;
     }
-    uint32_t tag() const { return tag_; }
+    TARN_IDL_HOT uint32_t tag() const { return tag_; }
     // Bytes consumed, or the failure code.
-    int32_t result() const { return err_ ? err_ : static_cast<int32_t>(result_); }
+    TARN_IDL_HOT int32_t result() const { return err_ ? err_ : static_cast<int32_t>(result_); }
 
     TARN_IDL_HOT void u8(unsigned bit, uint8_t *dst) { scalar(bit, dst, 1); }
     TARN_IDL_HOT void u16(unsigned bit, uint16_t *dst) { scalar(bit, dst, 2); }
     TARN_IDL_HOT void u32(unsigned bit, uint32_t *dst) { scalar(bit, dst, 4); }
     TARN_IDL_HOT void u64(unsigned bit, uint64_t *dst) { scalar(bit, dst, 8); }
-    void bytes(unsigned bit, uint8_t **ptr, uint32_t *len);
+
+    // A repeated string without a map is an error (scalars take the last value).
+    TARN_IDL_HOT void bytes(unsigned bit, uint8_t **ptr, uint32_t *len)
+    {
+        if (taken(bit)) return;
+        if (*ptr) return fail(TARN_IDL_E_GARBLED);
+        *len = vlen_;
+        if (vlen_) {
+            void *p = alloc_ ? alloc_(vlen_, alloc_ctx_) : nullptr;
+            if (!p) return fail(TARN_IDL_E_ALLOC);
+            std::memcpy(p, in_ + pos_ + 8, vlen_);
+            *ptr = static_cast<uint8_t *>(p);
+        }
+        mark(bit);
+    }
 
     // dec fills a cleared record and map (a complete decoder does too);
     // rel: the nested release, run with a probe to learn whether an earlier
     // item left blocks in the field.
     template <class R, class M>
-    void record(unsigned bit, R *dst, M *map, TlvDecodeFn<R, M> dec, TlvReleaseFn<R, M> rel)
+    TARN_IDL_HOT void record(unsigned bit, R *dst, M *map, TlvDecodeFn<R, M> dec,
+                             TlvReleaseFn<R, M> rel)
     {
         if (taken(bit)) return;
         // The first item of the field finds the record as zeroed; only a
@@ -231,18 +254,23 @@ public:
     }
 
     template <class R, class M>
-    void array(unsigned bit, R ***elems, uint32_t *count, M **maps, TlvDecodeFn<R, M> dec)
+    TARN_IDL_HOT void array(unsigned bit, R ***elems, uint32_t *count, M **maps,
+                            TlvDecodeFn<R, M> dec)
     {
         if (taken(bit)) return;
         if (*elems) return fail(TARN_IDL_E_GARBLED);
-        uint32_t n = run_length();
+        uint32_t n = tlv_run_length(in_, len_, next_, tag_);
         auto *arr = static_cast<R **>(obtain(uint64_t{n} * sizeof(R *)));
         if (!arr) return;
         *elems = arr;
         *count = n;
         M *marr = nullptr;
+        bool maps_cleared = false;
         if (maps) {
-            if (*maps == nullptr) *maps = static_cast<M *>(obtain(uint64_t{n} * sizeof(M)));
+            if (*maps == nullptr) {
+                *maps = static_cast<M *>(obtain(uint64_t{n} * sizeof(M)));
+                maps_cleared = true;
+            }
             if (!*maps) return;
             marr = *maps;
         }
@@ -252,7 +280,7 @@ public:
             if (!e) return;
             *e = R{};
             arr[i] = e;
-            if (marr) marr[i] = M{};
+            if (marr && !maps_cleared) marr[i] = M{};
             if (!take_nested(e, marr ? &marr[i] : nullptr, dec)) return;
         }
         mark(bit);
@@ -261,32 +289,49 @@ public:
 private:
     static void probe_free(void *, void *held) { *static_cast<bool *>(held) = true; }
 
-    bool taken(unsigned bit) const { return bits_ && ((*bits_ >> bit) & 1u); }
-    void mark(unsigned bit)
+    // With a map, the fields decoded so far are its bits: the map starts
+    // cleared and only mark() sets them.
+    TARN_IDL_HOT bool taken(unsigned bit) const { return bits_ && ((seen_ >> bit) & 1u); }
+    TARN_IDL_HOT void mark(unsigned bit)
     {
         seen_ |= 1u << bit;
-        if (bits_) *bits_ |= 1u << bit;
+        if (bits_) *bits_ = seen_;
     }
-    void fail(int32_t code) { err_ = code; }
-    bool read_item(uint64_t at);
-    bool next_slow();
-    TARN_IDL_HOT void take_item(uint64_t at, uint32_t vlen)
+    TARN_IDL_HOT void fail(int32_t code) { err_ = code; }
+    TARN_IDL_HOT bool read_item(uint64_t at)
     {
+        if (at + 8 > len_) return false;
+        const auto vlen = static_cast<uint32_t>(load_le(in_ + at + 4, 4));
+        if (at + 8 + vlen > len_) return false;
         pos_ = at;
         tag_ = static_cast<uint32_t>(load_le(in_ + at, 4));
         vlen_ = vlen;
         end_ = at + 8 + vlen;
         next_ = round4(end_);
         have_item_ = true;
+        return true;
     }
-    uint32_t run_length() const;
-    bool next_in_run();
-    void *obtain(uint64_t size);  // zeroed; records -2 on failure
+    TARN_IDL_HOT bool next_in_run()
+    {
+        const uint32_t tag = tag_;
+        return next_ <= len_ && read_item(next_) && tag_ == tag;
+    }
+    TARN_IDL_HOT void *obtain(uint64_t size)  // zeroed; records -2 on failure
+    {
+        void *p = obtain_zeroed(alloc_, alloc_ctx_, size);
+        if (!p) fail(TARN_IDL_E_ALLOC);
+        return p;
+    }
     // For an element record, cleared by its own type's assignment.
-    void *obtain_uncleared(uint64_t size);
+    TARN_IDL_HOT void *obtain_uncleared(uint64_t size)
+    {
+        void *p = take_block(alloc_, alloc_ctx_, size);
+        if (!p) fail(TARN_IDL_E_ALLOC);
+        return p;
+    }
 
     template <class R, class M>
-    bool take_nested(R *dst, M *map, TlvDecodeFn<R, M> dec)
+    TARN_IDL_HOT bool take_nested(R *dst, M *map, TlvDecodeFn<R, M> dec)
     {
         int32_t r = dec(dst, map, in_ + pos_ + 8, vlen_, alloc_, alloc_ctx_);
         if (r < 0) {

@@ -179,10 +179,27 @@ void emit_tlv_codec(std::ostream &o, const Type &t, const Style &s)
     const std::string &n = t.name;
     o << (s.bodies ? "TARN_IDL_TLV_BODY " : "") << "uint32_t " << (s.bodies ? "tlv_put_" + n : "tlv_encode_" + n + "_0") << "(const " << n
       << "_t *r, const " << n << "_map_t *m, void *out, uint32_t out_len)\n{\n";
-    o << "    idl::TlvEncoder e(out, out_len, m ? &m->bits : nullptr);\n";
+    // Library bodies read the map's bits once and test them in groups of
+    // eight fields, so that a record carrying few of its fields (rts_msg_info
+    // carries one of 32) skips the others a group at a time. Without a map
+    // every field is present.
+    const bool grouped = s.in_order && !t.fields.empty();
+    if (grouped)
+        o << "    idl::TlvEncoder e(out, out_len, nullptr);\n"
+          << "    const uint32_t b = m ? m->bits : ~0u;\n";
+    else
+        o << "    idl::TlvEncoder e(out, out_len, m ? &m->bits : nullptr);\n";
+    const bool in_groups = grouped && t.fields.size() > 8;
     for (std::size_t i = 0; i < t.fields.size(); ++i) {
         const Field &f = t.fields[i];
-        o << "    e.";
+        if (in_groups && i % 8 == 0) {
+            const std::size_t k = std::min<std::size_t>(8, t.fields.size() - i);
+            const uint32_t mask = (k == 8 ? 0xffu : (1u << k) - 1) << i;
+            o << "    if (b & 0x" << std::hex << mask << std::dec << "u) {\n";
+        }
+        o << (in_groups ? "    " : "") << "    ";
+        if (grouped) o << "if (b & (1u << " << i << ")) ";
+        o << "e.";
         if (is_scalar(f.kind))
             o << kind_name(f.kind) << "(" << i << ", " << f.tag << ", r->" << f.name << ");\n";
         else if (f.kind == Kind::Bytes)
@@ -194,6 +211,7 @@ void emit_tlv_codec(std::ostream &o, const Type &t, const Style &s)
         else
             o << "array(" << i << ", " << f.tag << ", r->" << f.name << ", r->" << count_name(f)
               << ", " << map_arg(f, false) << ", " << tlv_encoder_of(s, f.type) << ");\n";
+        if (in_groups && (i % 8 == 7 || i + 1 == t.fields.size())) o << "    }\n";
     }
     o << "    return e.size();\n}\n\n";
 
@@ -220,18 +238,25 @@ void emit_tlv_codec(std::ostream &o, const Type &t, const Style &s)
               << map_arg(f, true) << ", " << tlv_decoder_of(s, f.type) << ");";
         take[i] = c.str();
     }
-    // Encoders write the items in field order, so a first pass expects them
-    // so: one well-predicted test per field instead of a jump through the
-    // switch per item. Items are still taken strictly in input order; the
-    // first one out of order (a repeat, an unknown tag) hands the rest to the
-    // switch.
+    // Items are taken strictly in input order, each by its tag's case.
+    // Encoders write them in field order, so after a field the library's
+    // bodies test for the next field's tag and go straight to its case; only
+    // a gap, a repeat or an unknown tag goes through the switch's jump.
     o << "    bool more = d.next();\n";
-    for (std::size_t i = 0; s.in_order && i < t.fields.size(); ++i)
-        o << "    if (more && d.tag() == " << t.fields[i].tag << ") { " << take[i]
-          << " more = d.next(); }\n";
     o << "    while (more) {\n        switch (d.tag()) {\n";
-    for (std::size_t i = 0; i < t.fields.size(); ++i)
-        o << "        case " << t.fields[i].tag << ": " << take[i] << " break;\n";
+    for (std::size_t i = 0; i < t.fields.size(); ++i) {
+        if (!s.in_order) {
+            o << "        case " << t.fields[i].tag << ": " << take[i] << " break;\n";
+            continue;
+        }
+        o << "        case " << t.fields[i].tag << ":\n";
+        if (i > 0) o << "        f" << i << ":\n";
+        o << "            " << take[i] << "\n            more = d.next();\n";
+        if (i + 1 < t.fields.size())
+            o << "            if (more && d.tag() == " << t.fields[i + 1].tag << ") goto f" << i + 1
+              << ";\n";
+        o << "            continue;\n";
+    }
     o << "        default: break; /* unknown tags are skipped */\n        }\n"
          "        more = d.next();\n    }\n";
     o << "    return d.result();\n}\n\n";
