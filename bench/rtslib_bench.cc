@@ -374,8 +374,8 @@ std::vector<uint8_t> add_message(uint8_t af, const uint8_t *prefix, uint16_t ple
 size_t first_difference(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b)
 {
     const size_t n = std::min(a.size(), b.size());
-    return static_cast<size_t>(std::mismatch(a.begin(), a.begin() + static_cast<long>(n), b.begin()).first -
-                               a.begin());
+    const auto end = a.begin() + static_cast<std::ptrdiff_t>(n);
+    return static_cast<size_t>(std::mismatch(a.begin(), end, b.begin()).first - a.begin());
 }
 
 // Route-add messages as rtslib_rtm_add encodes them, made without the
@@ -390,10 +390,10 @@ public:
         for (const Prefix &p : table) {
             Template &t = slot(p);
             if (!t.bytes.empty()) continue;
-            const uint8_t zero[16] = {}, ones[16] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
-                                                   0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+            uint8_t zero[16] = {}, ones[16];
+            std::memset(ones, 0xff, sizeof ones);
             // A second prefix length with the same field width.
-            const uint16_t other_plen = static_cast<uint16_t>(p.plen % 8 == 0 ? p.plen - 1 : p.plen + 1);
+            const auto other_plen = static_cast<uint16_t>(p.plen % 8 == 0 ? p.plen - 1 : p.plen + 1);
             t.bytes = add_message(p.af, zero, p.plen, 1);
             t.prefix_off = first_difference(t.bytes, add_message(p.af, ones, p.plen, 1));
             t.plen_off = first_difference(t.bytes, add_message(p.af, zero, other_plen, 1));
@@ -428,8 +428,7 @@ private:
         std::vector<uint8_t> bytes;
         size_t prefix_off = 0, plen_off = 0, seq_off = 0, width = 0;
     };
-    // The request carries the prefix in whole 32-bit words, one word more
-    // than a multiple of 32 bits needs.
+    // The request carries the prefix in whole 32-bit words.
     static size_t padded_width(uint16_t plen) { return ((plen + 31u) / 8u) & ~3u; }
     Template &slot(const Prefix &p)
     {
@@ -440,7 +439,8 @@ private:
 
 // One plain send per route of its pre-encoded message, numbered on from
 // `seq`; waits when the socket is full. The last number used, 0 on failure.
-uint32_t send_encoded(int fd, AddTemplates &templates, const std::vector<Prefix> &table, uint32_t seq)
+uint32_t send_encoded(int fd, AddTemplates &templates, const std::vector<Prefix> &table,
+                      uint32_t seq)
 {
     for (const Prefix &p : table) {
         const std::vector<uint8_t> &msg = templates.patch(p, ++seq);
@@ -511,11 +511,13 @@ void BM_FullTableSendToDrain(benchmark::State &state)
         const auto start = std::chrono::steady_clock::now();
         const bool sent = send_encoded(sv[0], templates, table, 0) != 0;
         getrusage(RUSAGE_SELF, &ru_after);
+        // What is queued stays readable; a peer still waiting after it sees
+        // the end and fails.
+        ::close(sv[0]);
         int status = 1;
         wait4(peer, &status, 0, &ru_peer);
         const double secs =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        ::close(sv[0]);
         if (!sent || status != 0) {
             state.SkipWithError("drain failed");
             return;
