@@ -44,13 +44,13 @@ std::vector<uint8_t> route_notification()
 }
 
 // The writer end blocks when the socket is full; the reader end does not,
-// like a routing socket.
+// like a routing socket, unless asked to block.
 struct Pair {
     int fds[2] = {-1, -1};
-    Pair()
+    explicit Pair(bool reader_blocks = false)
     {
         ::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds);
-        ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
+        if (!reader_blocks) ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
     }
     ~Pair()
     {
@@ -124,6 +124,41 @@ void BM_RawSeqpacketFlood(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * kBatch);
 }
 BENCHMARK(BM_RawSeqpacketFlood)->UseRealTime();
+
+// The least a reader that sizes each message before reading it can do: peek
+// the 24-byte header (rtslib_peek_pkt_len), then read exactly the size it
+// claims into a buffer. Arg 0 on a blocking socket, so that no poll is
+// needed; arg 1 on a non-blocking one that is polled when it runs dry, as
+// BM_RawSeqpacketFlood does. Against that row, the best ratio such a reader
+// can reach.
+void BM_PeekThenReadFlood(benchmark::State &state)
+{
+    const auto msg = route_notification();
+    Pair pair(state.range(0) == 0);
+    std::vector<uint8_t> buf(RTS_MSG_MAX);
+    for (auto _ : state) {
+        int got = 0;
+        std::thread writer(flood, pair.fds[1], std::cref(msg), kBatch);
+        while (got < kBatch) {
+            const int want = rtslib_peek_pkt_len(pair.fds[0]);
+            if (want < 0 && errno == EAGAIN) {
+                wait_readable(pair.fds[0]);
+                continue;
+            }
+            if (want < 0 || static_cast<size_t>(want) > buf.size() ||
+                ::read(pair.fds[0], buf.data(), static_cast<size_t>(want)) != want)
+                break;
+            ++got;
+        }
+        writer.join();
+        if (got < kBatch) {
+            state.SkipWithError("short read");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+BENCHMARK(BM_PeekThenReadFlood)->Arg(0)->Arg(1)->UseRealTime();
 
 }  // namespace
 

@@ -1,9 +1,11 @@
 // Requests to the kernel emulator: the round trip of one route lookup against
 // a raw SOCK_SEQPACKET ping-pong of the same bytes, and loading a full
 // Internet table. The benchmark and its peer run pinned to the same CPU.
+#include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -107,10 +109,16 @@ BENCHMARK(BM_GetByPrefixRoundTrip);
 // answers every message with the prepared answer. Arg 1 adds the system
 // calls the request path makes beyond a write and a read (the client sizes
 // the answer with a MSG_PEEK, the peer polls before it reads), so that the
-// rest of the gap to the library is CPU work.
+// rest of the gap to the library is CPU work. Arg 2 is the least a host
+// client can do for a request: write, poll for the answer on its
+// non-blocking socket, peek the 24-byte header (rtslib_peek_pkt_len), read
+// exactly the size it claims; the peer is a plain blocking read and write.
+// Arg 2 minus arg 0 is what those steps cost above the bare exchange.
 void BM_RawSeqpacketPingPong(benchmark::State &state)
 {
-    const bool with_path_calls = state.range(0) != 0;
+    const bool peer_polls = state.range(0) == 1;
+    const bool client_peeks = state.range(0) == 1;
+    const bool client_waits = state.range(0) == 2;
     pin_to(kCpu);
     rtslib_cookie *codec = rtslib_open_nc();
     uint8_t padded[4] = {10, 1, 0, 0};
@@ -138,7 +146,7 @@ void BM_RawSeqpacketPingPong(benchmark::State &state)
         ::close(sv[0]);
         std::vector<uint8_t> buf(RTS_MSG_MAX);
         for (;;) {
-            if (with_path_calls) {
+            if (peer_polls) {
                 pollfd pfd{sv[1], POLLIN, 0};
                 poll(&pfd, 1, -1);
             }
@@ -149,13 +157,22 @@ void BM_RawSeqpacketPingPong(benchmark::State &state)
         _exit(0);
     }
     ::close(sv[1]);
+    if (client_waits) fcntl(sv[0], F_SETFL, O_NONBLOCK);
     std::vector<uint8_t> buf(RTS_MSG_MAX);
     uint8_t hdr[RTS_HDR_MIN_LEN];
     const double peer_before = cpu_seconds(peer);
     for (auto _ : state) {
+        pollfd pfd{sv[0], POLLIN, 0};
+        int want = static_cast<int>(buf.size());
         if (::write(sv[0], request.data(), request.size()) < 0 ||
-            (with_path_calls && ::recv(sv[0], hdr, sizeof hdr, MSG_PEEK) <= 0) ||
-            ::read(sv[0], buf.data(), buf.size()) <= 0) {
+            (client_waits && poll(&pfd, 1, 5000) != 1) ||
+            (client_peeks && ::recv(sv[0], hdr, sizeof hdr, MSG_PEEK) <= 0) ||
+            (client_waits && (want = rtslib_peek_pkt_len(sv[0])) < 0)) {
+            state.SkipWithError("peer gone");
+            break;
+        }
+        if (::read(sv[0], buf.data(), std::min<size_t>(static_cast<size_t>(want), buf.size())) !=
+            static_cast<ssize_t>(answer.size())) {
             state.SkipWithError("peer gone");
             break;
         }
@@ -165,7 +182,7 @@ void BM_RawSeqpacketPingPong(benchmark::State &state)
     ::close(sv[0]);
     waitpid(peer, nullptr, 0);
 }
-BENCHMARK(BM_RawSeqpacketPingPong)->Arg(0)->Arg(1);
+BENCHMARK(BM_RawSeqpacketPingPong)->Arg(0)->Arg(1)->Arg(2);
 
 struct Prefix {
     uint8_t af;
@@ -242,10 +259,46 @@ size_t emulator_routes()
     return std::strtoul(buf + 7, nullptr, 10);  // "routes N"
 }
 
-// Arg 0: the emulator shares the benchmark's CPU; 1: it has the other one.
-void BM_FullTableAdd(benchmark::State &state)
+// Built once: the full-table rows load the same table.
+const std::vector<Prefix> &full_table()
 {
-    const std::vector<Prefix> table = internet_table(1050000, 250000);
+    static const std::vector<Prefix> table = internet_table(1050000, 250000);
+    return table;
+}
+
+double rusage_us(const timeval &tv)
+{
+    return static_cast<double>(tv.tv_sec) * 1e6 + static_cast<double>(tv.tv_usec);
+}
+
+// The client's CPU per route over the sends, split as the kernel accounts it.
+void report_client_cpu(benchmark::State &state, const rusage &before, const rusage &after,
+                       double routes)
+{
+    state.counters["client_user_us"] =
+        (rusage_us(after.ru_utime) - rusage_us(before.ru_utime)) / routes;
+    state.counters["client_sys_us"] =
+        (rusage_us(after.ru_stime) - rusage_us(before.ru_stime)) / routes;
+}
+
+// Waits until the socket takes another message; false on any other failure.
+bool wait_writable(int fd, int send_errno)
+{
+    if (send_errno != EAGAIN) return false;
+    pollfd pfd{fd, POLLOUT, 0};
+    poll(&pfd, 1, 1000);
+    return true;
+}
+
+// One full-table load into a fresh emulator, on the CPU the argument picks
+// (0: the benchmark's, 1: the other one). `send_all` sends every route on the
+// handle and returns false if one could not be sent. Timed until the
+// emulator holds them all. The client's CPU covers the sends only; the
+// emulator's, read from /proc, the whole load.
+template <class SendAll>
+void load_full_table(benchmark::State &state, SendAll &&send_all)
+{
+    const std::vector<Prefix> &table = full_table();
     pin_to(kCpu);
     for (auto _ : state) {
         tarn::kemu::EmulatorProcess emu(TARN_KERNEL_EMU_PATH, {},
@@ -256,33 +309,228 @@ void BM_FullTableAdd(benchmark::State &state)
             return;
         }
         const long rss_before = rss_kib(emu.pid());
+        const double emu_before = cpu_seconds(emu.pid());
+        rusage ru_before{}, ru_after{};
+        getrusage(RUSAGE_SELF, &ru_before);
         const auto start = std::chrono::steady_clock::now();
-        for (const Prefix &p : table) {
-            int rc;
-            while ((rc = rtslib_rtm_add(h, 0, p.af, 1, 0, 2, 0, 0, 0, 0, 7, 0, p.bytes, p.plen,
-                                        nullptr, nullptr)) == EAGAIN) {
-                pollfd pfd{h->fd, POLLOUT, 0};
-                poll(&pfd, 1, 1000);
-            }
-            if (rc != 0) {
-                state.SkipWithError("add failed");
-                rtslib_close(h);
-                return;
-            }
+        if (!send_all(h, table)) {
+            state.SkipWithError("add failed");
+            rtslib_close(h);
+            return;
         }
+        getrusage(RUSAGE_SELF, &ru_after);
         while (emulator_routes() < table.size()) usleep(1000);
         const double secs =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         state.SetIterationTime(secs);
-        state.counters["routes"] = static_cast<double>(table.size());
-        state.counters["routes_per_s"] = static_cast<double>(table.size()) / secs;
+        const auto routes = static_cast<double>(table.size());
+        state.counters["routes"] = routes;
+        state.counters["routes_per_s"] = routes / secs;
         state.counters["emu_bytes_per_route"] =
-            static_cast<double>(rss_kib(emu.pid()) - rss_before) * 1024.0 /
-            static_cast<double>(table.size());
+            static_cast<double>(rss_kib(emu.pid()) - rss_before) * 1024.0 / routes;
+        report_client_cpu(state, ru_before, ru_after, routes);
+        state.counters["emu_cpu_us"] = (cpu_seconds(emu.pid()) - emu_before) * 1e6 / routes;
         rtslib_close(h);
     }
 }
+
+void BM_FullTableAdd(benchmark::State &state)
+{
+    load_full_table(state, [](rtslib_cookie *h, const std::vector<Prefix> &table) {
+        for (const Prefix &p : table) {
+            int rc;
+            while ((rc = rtslib_rtm_add(h, 0, p.af, 1, 0, 2, 0, 0, 0, 0, 7, 0, p.bytes, p.plen,
+                                        nullptr, nullptr)) != 0)
+                if (!wait_writable(h->fd, rc)) return false;
+        }
+        return true;
+    });
+}
 BENCHMARK(BM_FullTableAdd)->Arg(0)->Arg(1)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The bytes rtslib_rtm_add sends for one route with the given sequence
+// number, taken off a socket pair.
+std::vector<uint8_t> add_message(uint8_t af, const uint8_t *prefix, uint16_t plen, uint32_t seq)
+{
+    int sv[2];
+    std::vector<uint8_t> out;
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv) != 0) return out;
+    rtslib_cookie *h = rtslib_open_nc();
+    h->fd = sv[0];
+    h->seq = seq - 1;
+    if (rtslib_rtm_add(h, 0, af, 1, 0, 2, 0, 0, 0, 0, 7, 0, prefix, plen, nullptr, nullptr) == 0) {
+        out.resize(RTS_MSG_MAX);
+        const ssize_t n = ::recv(sv[1], out.data(), out.size(), 0);
+        out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    }
+    h->fd = -1;
+    rtslib_close(h);
+    ::close(sv[0]);
+    ::close(sv[1]);
+    return out;
+}
+
+// The first byte at which two messages differ, or their length.
+size_t first_difference(const std::vector<uint8_t> &a, const std::vector<uint8_t> &b)
+{
+    const size_t n = std::min(a.size(), b.size());
+    const auto end = a.begin() + static_cast<std::ptrdiff_t>(n);
+    return static_cast<size_t>(std::mismatch(a.begin(), end, b.begin()).first - a.begin());
+}
+
+// Route-add messages as rtslib_rtm_add encodes them, made without the
+// library: one message per family and prefix field width, encoded once by
+// the library, with the prefix bytes, prefix length and sequence number
+// patched in place for each route. Where those fields sit is found by
+// encoding messages that differ in one field only.
+class AddTemplates {
+public:
+    bool build(const std::vector<Prefix> &table)
+    {
+        for (const Prefix &p : table) {
+            Template &t = slot(p);
+            if (!t.bytes.empty()) continue;
+            uint8_t zero[16] = {}, ones[16];
+            std::memset(ones, 0xff, sizeof ones);
+            // A second prefix length with the same field width.
+            const auto other_plen = static_cast<uint16_t>(p.plen % 8 == 0 ? p.plen - 1 : p.plen + 1);
+            t.bytes = add_message(p.af, zero, p.plen, 1);
+            t.prefix_off = first_difference(t.bytes, add_message(p.af, ones, p.plen, 1));
+            t.plen_off = first_difference(t.bytes, add_message(p.af, zero, other_plen, 1));
+            t.seq_off = first_difference(t.bytes, add_message(p.af, zero, p.plen, 2));
+            t.width = padded_width(p.plen);
+            if (t.bytes.empty() || t.prefix_off + t.width > t.bytes.size() ||
+                t.plen_off + 2 > t.bytes.size() || t.seq_off + 4 > t.bytes.size())
+                return false;
+        }
+        // The patched messages must be the library's own, byte for byte.
+        uint32_t seq = 1000;
+        for (size_t i = 0; i < table.size(); i += table.size() / 2000 + 1, ++seq) {
+            const Prefix &p = table[i];
+            if (patch(p, seq) != add_message(p.af, p.bytes, p.plen, seq)) return false;
+        }
+        return true;
+    }
+
+    // The message for `p` with sequence number `seq`; valid until the next
+    // call for a prefix of the same kind.
+    const std::vector<uint8_t> &patch(const Prefix &p, uint32_t seq)
+    {
+        Template &t = slot(p);
+        std::memcpy(t.bytes.data() + t.prefix_off, p.bytes, t.width);
+        std::memcpy(t.bytes.data() + t.plen_off, &p.plen, sizeof p.plen);
+        std::memcpy(t.bytes.data() + t.seq_off, &seq, sizeof seq);
+        return t.bytes;
+    }
+
+private:
+    struct Template {
+        std::vector<uint8_t> bytes;
+        size_t prefix_off = 0, plen_off = 0, seq_off = 0, width = 0;
+    };
+    // The request carries the prefix in whole 32-bit words.
+    static size_t padded_width(uint16_t plen) { return ((plen + 31u) / 8u) & ~3u; }
+    Template &slot(const Prefix &p)
+    {
+        return templates_[p.af == TARN_AF_INET6 ? 1 : 0][padded_width(p.plen) / 4];
+    }
+    Template templates_[2][6];
+};
+
+// One plain send per route of its pre-encoded message, numbered on from
+// `seq`; waits when the socket is full. The last number used, 0 on failure.
+uint32_t send_encoded(int fd, AddTemplates &templates, const std::vector<Prefix> &table,
+                      uint32_t seq)
+{
+    for (const Prefix &p : table) {
+        const std::vector<uint8_t> &msg = templates.patch(p, ++seq);
+        while (::send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) < 0)
+            if (!wait_writable(fd, errno)) return 0;
+    }
+    return seq;
+}
+
+// The floor under BM_FullTableAdd: the same routes, already encoded, one
+// plain send per route; all the library's own work (the request record,
+// encoding, its blocks) is left out.
+void BM_FullTableSendEncoded(benchmark::State &state)
+{
+    AddTemplates templates;
+    if (!templates.build(full_table())) {
+        state.SkipWithError("patched messages differ from the library's");
+        return;
+    }
+    load_full_table(state, [&templates](rtslib_cookie *h, const std::vector<Prefix> &table) {
+        h->seq = send_encoded(h->fd, templates, table, h->seq);
+        return h->seq != 0;
+    });
+}
+BENCHMARK(BM_FullTableSendEncoded)->Arg(1)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The floor of any receiver: the same pre-encoded sends into a socket pair
+// whose peer, on the other CPU, only takes the messages off the socket (up
+// to 32 per recvmmsg, as the emulator reads) and throws them away. What the
+// emulator spends above this peer is its own work on a route.
+void BM_FullTableSendToDrain(benchmark::State &state)
+{
+    const std::vector<Prefix> &table = full_table();
+    AddTemplates templates;
+    if (!templates.build(table)) {
+        state.SkipWithError("patched messages differ from the library's");
+        return;
+    }
+    pin_to(kCpu);
+    for (auto _ : state) {
+        int sv[2];
+        socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv);
+        const pid_t peer = fork();
+        if (peer == 0) {
+            pin_to(kCpu + 1);
+            ::close(sv[0]);
+            constexpr unsigned kSlots = 32;
+            std::vector<uint8_t> bufs(size_t{kSlots} * RTS_MSG_MAX);
+            iovec iov[kSlots];
+            mmsghdr msgs[kSlots] = {};
+            for (unsigned i = 0; i < kSlots; ++i) {
+                iov[i] = {bufs.data() + size_t{i} * RTS_MSG_MAX, RTS_MSG_MAX};
+                msgs[i].msg_hdr.msg_iov = &iov[i];
+                msgs[i].msg_hdr.msg_iovlen = 1;
+            }
+            size_t got = 0;
+            while (got < table.size()) {
+                const int n = recvmmsg(sv[1], msgs, kSlots, MSG_WAITFORONE, nullptr);
+                if (n <= 0) _exit(1);
+                got += static_cast<size_t>(n);
+            }
+            _exit(0);
+        }
+        ::close(sv[1]);
+        fcntl(sv[0], F_SETFL, O_NONBLOCK);
+        rusage ru_before{}, ru_after{}, ru_peer{};
+        getrusage(RUSAGE_SELF, &ru_before);
+        const auto start = std::chrono::steady_clock::now();
+        const bool sent = send_encoded(sv[0], templates, table, 0) != 0;
+        getrusage(RUSAGE_SELF, &ru_after);
+        // What is queued stays readable; a peer still waiting after it sees
+        // the end and fails.
+        ::close(sv[0]);
+        int status = 1;
+        wait4(peer, &status, 0, &ru_peer);
+        const double secs =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (!sent || status != 0) {
+            state.SkipWithError("drain failed");
+            return;
+        }
+        state.SetIterationTime(secs);
+        const auto routes = static_cast<double>(table.size());
+        state.counters["routes_per_s"] = routes / secs;
+        report_client_cpu(state, ru_before, ru_after, routes);
+        state.counters["peer_cpu_us"] =
+            (rusage_us(ru_peer.ru_utime) + rusage_us(ru_peer.ru_stime)) / routes;
+    }
+}
+BENCHMARK(BM_FullTableSendToDrain)->Arg(1)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
