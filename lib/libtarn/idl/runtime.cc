@@ -48,40 +48,12 @@ void idr_close_short(uint8_t *out, uint64_t cap, uint64_t open_at, const uint8_t
 
 // After an earlier failure the stretch reads as zeros, which is what the
 // record already holds there, and that failure stands.
-void IdrDecoder::open_short(uint32_t n, uint8_t *scratch, const char *pieces)
+void idr_fill_short(const uint8_t *from, uint64_t room, uint8_t *scratch, uint32_t n,
+                    const char *pieces)
 {
-    uint64_t have = err_ ? 0 : whole_pieces(pieces, len_ - pos_);
-    if (have) std::memcpy(scratch, in_ + pos_, have);
+    uint64_t have = whole_pieces(pieces, room);
+    if (have) std::memcpy(scratch, from, have);
     std::memset(scratch + have, 0, n - have);
-    if (!err_) fail(TARN_IDL_E_GARBLED);
-}
-
-void *IdrDecoder::obtain(uint64_t size)
-{
-    void *p = obtain_zeroed(alloc_, alloc_ctx_, size);
-    if (!p) fail(TARN_IDL_E_ALLOC);
-    return p;
-}
-
-void *IdrDecoder::obtain_uncleared(uint64_t size)
-{
-    void *p = take_block(alloc_, alloc_ctx_, size);
-    if (!p) fail(TARN_IDL_E_ALLOC);
-    return p;
-}
-
-void IdrDecoder::bytes(uint8_t **ptr, uint32_t len)
-{
-    if (err_ || len == 0) return;
-    if (!alloc_) return fail(TARN_IDL_E_ALLOC);
-    void *p = alloc_(len, alloc_ctx_);
-    if (!p) return fail(TARN_IDL_E_ALLOC);
-    *ptr = static_cast<uint8_t *>(p);
-    uint64_t padded = round4(uint64_t{len});
-    if (len_ - pos_ < len) return fail(TARN_IDL_E_GARBLED);
-    std::memcpy(p, in_ + pos_, len);
-    if (len_ - pos_ < padded) return fail(TARN_IDL_E_GARBLED);
-    pos_ += padded;
 }
 
 }  // namespace tarn::idl

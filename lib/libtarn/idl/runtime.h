@@ -531,6 +531,12 @@ private:
     uint64_t open_at_ = 0;
 };
 
+// The scratch copy of a stretch that is not all there: the whole pieces
+// within `room` bytes from `from`, the rest zero.
+void idr_fill_short(const uint8_t *from, uint64_t room, uint8_t *scratch, uint32_t n,
+                    const char *pieces);
+
+// Inline throughout, like TlvDecoder, so that its state stays in registers.
 class IdrDecoder {
 public:
     IdrDecoder(const void *in, uint32_t in_len, tarn_idl_alloc_fn alloc, void *alloc_ctx)
@@ -604,7 +610,18 @@ public:
 
     // The block is obtained and stored before the input is checked, so that a
     // short buffer fails with the block held by the record.
-    void bytes(uint8_t **ptr, uint32_t len);
+    TARN_IDL_HOT void bytes(uint8_t **ptr, uint32_t len)
+    {
+        if (err_ || len == 0) return;
+        void *p = alloc_ ? alloc_(len, alloc_ctx_) : nullptr;
+        if (!p) return fail(TARN_IDL_E_ALLOC);
+        *ptr = static_cast<uint8_t *>(p);
+        uint64_t padded = round4(uint64_t{len});
+        if (len_ - pos_ < len) return fail(TARN_IDL_E_GARBLED);
+        std::memcpy(p, in_ + pos_, len);
+        if (len_ - pos_ < padded) return fail(TARN_IDL_E_GARBLED);
+        pos_ += padded;
+    }
 
     template <class R>
     void array(R ***elems, uint32_t count, IdrDecodeFn<R> dec)
@@ -629,8 +646,14 @@ public:
     int32_t result() const { return err_ ? err_ : static_cast<int32_t>(pos_); }
 
 private:
-    void open_short(uint32_t n, uint8_t *scratch, const char *pieces);
-    void fail(int32_t code) { err_ = code; }
+    // After an earlier failure the stretch reads as zeros, which is what the
+    // record already holds there, and that failure stands.
+    TARN_IDL_HOT void open_short(uint32_t n, uint8_t *scratch, const char *pieces)
+    {
+        idr_fill_short(in_ + pos_, err_ ? 0 : len_ - pos_, scratch, n, pieces);
+        if (!err_) fail(TARN_IDL_E_GARBLED);
+    }
+    TARN_IDL_HOT void fail(int32_t code) { err_ = code; }
     TARN_IDL_HOT bool align(uint32_t a)
     {
         if (err_) return false;
@@ -642,8 +665,19 @@ private:
         pos_ = to;
         return true;
     }
-    void *obtain(uint64_t size);
-    void *obtain_uncleared(uint64_t size);  // for an element record: its decoder clears it
+    TARN_IDL_HOT void *obtain(uint64_t size)
+    {
+        void *p = obtain_zeroed(alloc_, alloc_ctx_, size);
+        if (!p) fail(TARN_IDL_E_ALLOC);
+        return p;
+    }
+    // For an element record: its decoder clears it.
+    TARN_IDL_HOT void *obtain_uncleared(uint64_t size)
+    {
+        void *p = take_block(alloc_, alloc_ctx_, size);
+        if (!p) fail(TARN_IDL_E_ALLOC);
+        return p;
+    }
 
     template <class T>
     TARN_IDL_HOT void scalar(T *dst, uint32_t width, uint32_t alignment)
