@@ -2,19 +2,6 @@
 
 namespace tarn::idl {
 
-void *take_block(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
-{
-    if (!alloc || size > UINT32_MAX) return nullptr;
-    return alloc(static_cast<uint32_t>(size), ctx);
-}
-
-void *obtain_zeroed(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
-{
-    void *p = take_block(alloc, ctx, size);
-    if (p) std::memset(p, 0, size);
-    return p;
-}
-
 uint32_t tlv_run_length(const uint8_t *in, uint64_t len, uint64_t at, uint32_t tag)
 {
     uint32_t n = 1;

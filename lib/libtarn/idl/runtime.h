@@ -64,6 +64,28 @@ inline uint64_t load_le(const uint8_t *p, uint32_t width)
 
 inline uint64_t round4(uint64_t n) { return (n + 3) & ~uint64_t{3}; }
 
+// Byte strings are mostly addresses and names of up to 16 bytes: those are
+// copied with two overlapping moves instead of a call to memcpy. Exactly the
+// n bytes at dst are written.
+inline void copy_bytes(uint8_t *dst, const uint8_t *src, uint64_t n)
+{
+    if (n >= 8 && n <= 16) {
+        uint64_t a, b;
+        std::memcpy(&a, src, 8);
+        std::memcpy(&b, src + n - 8, 8);
+        std::memcpy(dst, &a, 8);
+        std::memcpy(dst + n - 8, &b, 8);
+    } else if (n >= 4 && n < 8) {
+        uint32_t a, b;
+        std::memcpy(&a, src, 4);
+        std::memcpy(&b, src + n - 4, 4);
+        std::memcpy(dst, &a, 4);
+        std::memcpy(dst + n - 4, &b, 4);
+    } else if (n != 0) {
+        std::memcpy(dst, src, n);
+    }
+}
+
 template <class R, class M>
 using TlvEncodeFn = uint32_t (*)(const R *, const M *, void *, uint32_t);
 template <class R, class M>
@@ -97,7 +119,7 @@ public:
         size_ += 8 + uint64_t{n};
         if (size_ <= cap_) {
             header(at, tag, n);
-            if (n) std::memcpy(out_ + at + 8, p, n);
+            copy_bytes(out_ + at + 8, p, n);
         }
         pad();
     }
@@ -179,8 +201,18 @@ private:
 
 // Blocks from the caller's allocator: nullptr when there is no allocator,
 // the size does not fit its 32-bit argument, or it fails.
-void *take_block(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size);
-void *obtain_zeroed(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size);
+inline void *take_block(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
+{
+    if (!alloc || size > UINT32_MAX) return nullptr;
+    return alloc(static_cast<uint32_t>(size), ctx);
+}
+
+inline void *obtain_zeroed(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
+{
+    void *p = take_block(alloc, ctx, size);
+    if (p) std::memset(p, 0, size);
+    return p;
+}
 
 // The number of items from `at` on that bear `tag` and whose header lies in
 // the input, plus one for the current item.
@@ -225,7 +257,7 @@ public:
         if (vlen_) {
             void *p = alloc_ ? alloc_(vlen_, alloc_ctx_) : nullptr;
             if (!p) return fail(TARN_IDL_E_ALLOC);
-            std::memcpy(p, in_ + pos_ + 8, vlen_);
+            copy_bytes(static_cast<uint8_t *>(p), in_ + pos_ + 8, vlen_);
             *ptr = static_cast<uint8_t *>(p);
         }
         mark(bit);
@@ -495,7 +527,7 @@ public:
         if (p == nullptr) n = 0;
         uint64_t at = size_;
         size_ += n;
-        if (n && size_ <= cap_) std::memcpy(out_ + at, p, n);
+        if (size_ <= cap_) copy_bytes(out_ + at, p, n);
         align(4);
     }
 
@@ -618,7 +650,7 @@ public:
         *ptr = static_cast<uint8_t *>(p);
         uint64_t padded = round4(uint64_t{len});
         if (len_ - pos_ < len) return fail(TARN_IDL_E_GARBLED);
-        std::memcpy(p, in_ + pos_, len);
+        copy_bytes(static_cast<uint8_t *>(p), in_ + pos_, len);
         if (len_ - pos_ < padded) return fail(TARN_IDL_E_GARBLED);
         pos_ += padded;
     }
