@@ -214,6 +214,17 @@ inline void *obtain_zeroed(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size)
     return p;
 }
 
+// A decoder's block, cleared or not (an element record is cleared by its
+// own type's assignment); a failure is recorded in err. Inline, so that the
+// decoder's error field does not escape.
+TARN_IDL_HOT inline void *decoder_block(tarn_idl_alloc_fn alloc, void *ctx, uint64_t size,
+                                        bool zeroed, int32_t &err)
+{
+    void *p = zeroed ? obtain_zeroed(alloc, ctx, size) : take_block(alloc, ctx, size);
+    if (!p) err = TARN_IDL_E_ALLOC;
+    return p;
+}
+
 // The number of items from `at` on that bear `tag` and whose header lies in
 // the input, plus one for the current item.
 uint32_t tlv_run_length(const uint8_t *in, uint64_t len, uint64_t at, uint32_t tag);
@@ -348,18 +359,13 @@ private:
         const uint32_t tag = tag_;
         return next_ <= len_ && read_item(next_) && tag_ == tag;
     }
-    TARN_IDL_HOT void *obtain(uint64_t size)  // zeroed; records -2 on failure
+    TARN_IDL_HOT void *obtain(uint64_t size)
     {
-        void *p = obtain_zeroed(alloc_, alloc_ctx_, size);
-        if (!p) fail(TARN_IDL_E_ALLOC);
-        return p;
+        return decoder_block(alloc_, alloc_ctx_, size, true, err_);
     }
-    // For an element record, cleared by its own type's assignment.
     TARN_IDL_HOT void *obtain_uncleared(uint64_t size)
     {
-        void *p = take_block(alloc_, alloc_ctx_, size);
-        if (!p) fail(TARN_IDL_E_ALLOC);
-        return p;
+        return decoder_block(alloc_, alloc_ctx_, size, false, err_);
     }
 
     template <class R, class M>
@@ -699,16 +705,11 @@ private:
     }
     TARN_IDL_HOT void *obtain(uint64_t size)
     {
-        void *p = obtain_zeroed(alloc_, alloc_ctx_, size);
-        if (!p) fail(TARN_IDL_E_ALLOC);
-        return p;
+        return decoder_block(alloc_, alloc_ctx_, size, true, err_);
     }
-    // For an element record: its decoder clears it.
     TARN_IDL_HOT void *obtain_uncleared(uint64_t size)
     {
-        void *p = take_block(alloc_, alloc_ctx_, size);
-        if (!p) fail(TARN_IDL_E_ALLOC);
-        return p;
+        return decoder_block(alloc_, alloc_ctx_, size, false, err_);
     }
 
     template <class T>
