@@ -3,9 +3,13 @@
 // Generated functions (lib/libtarn/idl/generated/, in the build tree) are
 // straight-line sequences of calls into these helpers, one per field:
 //   TLV encode   TlvEncoder e(out, len, bits);  e.u8(bit, tag, v) ... return e.size();
+//                (the library's bodies test the map's bits themselves, eight
+//                fields at a time, and pass no bits to the encoder)
 //   TLV decode   TlvDecoder d(in, len, bits, alloc, ctx);
 //                while (d.next()) switch (d.tag()) { case T: d.u8(bit, &r->f); ... }
 //                return d.result();
+//                (the bodies' cases go on to the next field's case when the
+//                next item bears its tag)
 //   IDR encode   IdrEncoder e(out, len); e.u8(v) ... e.end_fixed(); e.bytes(...) ...
 //   IDR decode   IdrDecoder d(...); d.u8(&r->f) ... d.end_fixed(); d.bytes(...) ...
 //   release      release_bytes / release_array / the nested release.
